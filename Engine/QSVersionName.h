@@ -1,0 +1,23 @@
+// Versioned file names: version N of "name.ext" is stored as "name@N.ext".
+//
+// The scheme is ambiguous by design: a live file whose own name ends in "@"
+// and digits before its extension ("photo@2008.jpg") reads as a version of
+// "photo.jpg", and callers treat it as one.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+// Splits `name` at its last ".": the body before it, and the extension from
+// it on (the "." included).  Without a ".", the whole name is the body and
+// the extension is empty.
+void parseBody_extension(const std::string& name, std::string* body, std::string* extension);
+
+// The name of stored version `version` of `name`: body "@" version extension.
+std::string QSVersionName(const std::string& name, uint64_t version);
+
+// The inverse of QSVersionName: [current file name, version digits], or
+// nothing when `name` is not a version name.
+std::optional<std::array<std::string, 2>> QSParseFileName(const std::string& name);
