@@ -44,7 +44,7 @@ void QSBackupEntry::readCategories(const Dictionary& dictionary) {
     if (!identifier || !identifier->isString()) continue;
     auto category = QSCategoryEntry::initWithArchive(archive);
     removeCategoryWithIdentifier(category->identifier());
-    storeAndObserve(category);
+    storeAndObserve(category->identifier(), category);
   }
 }
 
@@ -102,15 +102,20 @@ std::shared_ptr<QSBackupEntry> QSBackupEntry::initWithCoder(QSDecoder& coder) {
   return entry;
 }
 
-Dictionary QSBackupEntry::archive() const {
-  Dictionary out;
-  QSMutableBackupAttributes attributes(out);
+// The fields that both the database archive and the on-disk metadata begin with.
+void QSBackupEntry::writeOwnerFields(QSMutableBackupAttributes& attributes) const {
   attributes.setUID(uid_);
   attributes.setUserHome(userHome_);
   attributes.setShortUserName(shortUserName_);
   attributes.setLongUserName(longUserName_);
   attributes.setMachineName(machineName_);
   attributes.setSourceFormatHFSPlus();
+}
+
+Dictionary QSBackupEntry::archive() const {
+  Dictionary out;
+  QSMutableBackupAttributes attributes(out);
+  writeOwnerFields(attributes);
   attributes.setScheduled(isScheduled_);
   attributes.setManagedCategories(categoriesArchive());
   attributes.setCompletionDate(completionDate_);
@@ -123,12 +128,7 @@ Dictionary QSBackupEntry::archive() const {
 Dictionary QSBackupEntry::metadataForBackupDir() const {
   Dictionary out;
   QSMutableBackupAttributes attributes(out);
-  attributes.setUID(uid_);
-  attributes.setUserHome(userHome_);
-  attributes.setShortUserName(shortUserName_);
-  attributes.setLongUserName(longUserName_);
-  attributes.setMachineName(machineName_);
-  attributes.setSourceFormatHFSPlus();
+  writeOwnerFields(attributes);
   attributes.setManagedCategories(categoriesArchive());
   attributes.setVersionDepth(versionDepth_);
   if (exclusionExpression_) attributes.setExclusionFilterDirectory(*exclusionExpression_);
@@ -229,8 +229,8 @@ void QSBackupEntry::setExclusionExpression(const std::optional<std::string>& exp
   }
 }
 
-void QSBackupEntry::storeAndObserve(const std::shared_ptr<QSCategoryEntry>& category) {
-  managedCategories_[category->identifier()] = category;
+void QSBackupEntry::storeAndObserve(const std::string& key, const std::shared_ptr<QSCategoryEntry>& category) {
+  managedCategories_[key] = category;
   category->addObserver_forKeyPath_options_context(
       this, QSCategoryEntry::kScheduledKey, platform::kKeyValueObservingOptionNew | platform::kKeyValueObservingOptionOld,
       nullptr);
@@ -238,7 +238,7 @@ void QSBackupEntry::storeAndObserve(const std::shared_ptr<QSCategoryEntry>& cate
 
 void QSBackupEntry::addCategoryWithIdentifier(const std::string& identifier) {
   if (managedCategories_.count(identifier)) return;
-  storeAndObserve(QSCategoryEntry::initWithIdentifier(identifier));
+  storeAndObserve(identifier, QSCategoryEntry::initWithIdentifier(identifier));
 }
 
 void QSBackupEntry::removeCategoryWithIdentifier(const std::string& identifier) {
@@ -273,12 +273,7 @@ void QSBackupEntry::setManagedCategories(const CategoryMap& categories) {
   for (const auto& [key, category] : categories)
     if (category) copies.emplace_back(key, category->mutableCopy());
   removeAllCategories();
-  for (auto& [key, copy] : copies) {
-    managedCategories_[key] = copy;
-    copy->addObserver_forKeyPath_options_context(
-        this, QSCategoryEntry::kScheduledKey,
-        platform::kKeyValueObservingOptionNew | platform::kKeyValueObservingOptionOld, nullptr);
-  }
+  for (auto& [key, copy] : copies) storeAndObserve(key, copy);
 }
 
 void QSBackupEntry::observeValueForKeyPath_ofObject_change_context(const std::string& keyPath,

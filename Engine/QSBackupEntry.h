@@ -129,7 +129,8 @@ class QSBackupEntry : public platform::KeyValueObserver, public std::enable_shar
 
  private:
   void post(const char* name);
-  void storeAndObserve(const std::shared_ptr<QSCategoryEntry>& category);
+  void storeAndObserve(const std::string& key, const std::shared_ptr<QSCategoryEntry>& category);
+  void writeOwnerFields(class QSMutableBackupAttributes& attributes) const;
   void removeAllCategories();
   void readCommonFields(const platform::Dictionary& dictionary);
   void readCategories(const platform::Dictionary& dictionary);
