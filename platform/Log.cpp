@@ -58,6 +58,11 @@ void Log::format(const char* fmt, ...) {
   line(text);
 }
 
+void Log::writeStandardOutput(const std::string& text) {
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fflush(stdout);
+}
+
 Log::Sink Log::setSink(Sink sink) {
   std::lock_guard<std::mutex> lock(sinkMutex());
   Sink previous = std::move(currentSink());

@@ -20,6 +20,9 @@ class Log {
   // printf-style convenience.
   static void format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
+  // Writes text to standard output as it is (no newline added), flushed at once.
+  static void writeStandardOutput(const std::string& text);
+
   // Replaces the sink; an empty sink restores the system log.  Answers the previous sink.
   static Sink setSink(Sink sink);
 };
