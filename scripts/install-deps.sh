@@ -9,7 +9,7 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkgconf
-  libplist-dev libicu-dev uuid-dev
+  libplist-dev libicu-dev uuid-dev libsystemd-dev
   libgtest-dev libbenchmark-dev
 )
 for arg in "$@"; do
