@@ -2,6 +2,10 @@
 
 #include <unicode/regex.h>
 #include <unicode/unistr.h>
+#include <unicode/utext.h>
+
+#include <atomic>
+#include <unordered_map>
 
 #include "platform/Exception.h"
 #include "platform/Format.h"
@@ -10,9 +14,21 @@ namespace platform {
 
 struct RegexPredicate::Impl {
   std::unique_ptr<icu::RegexPattern> pattern;
+  uint64_t id = 0;  // unique for the life of the process: keys the per-thread matchers
 };
 
 namespace {
+
+std::atomic<uint64_t> gNextId{1};
+
+// Each thread keeps one matcher per predicate it evaluates, so a predicate
+// applied to every file of a walk does not build a matcher per file.  The
+// cache is keyed by the predicate's id and emptied when it grows large.
+struct MatcherCache {
+  static constexpr size_t kMaxEntries = 32;
+  std::unordered_map<uint64_t, std::unique_ptr<icu::RegexMatcher>> matchers;
+};
+thread_local MatcherCache tMatchers;
 
 std::unique_ptr<icu::RegexPattern> compile(const std::string& expression, std::string* error) {
   UErrorCode status = U_ZERO_ERROR;
@@ -43,6 +59,7 @@ std::shared_ptr<const RegexPredicate> RegexPredicate::selfMatchesCaseInsensitive
                      error.c_str(), expression.c_str());
   auto impl = std::make_unique<Impl>();
   impl->pattern = std::move(pattern);
+  impl->id = gNextId.fetch_add(1);
   return std::shared_ptr<const RegexPredicate>(new RegexPredicate(expression, std::move(impl)));
 }
 
@@ -51,14 +68,32 @@ bool RegexPredicate::isValidExpression(const std::string& expression, std::strin
 }
 
 bool RegexPredicate::evaluateWithObject(const std::string& text) const {
-  const icu::UnicodeString subject = icu::UnicodeString::fromUTF8(text);
   UErrorCode status = U_ZERO_ERROR;
-  std::unique_ptr<icu::RegexMatcher> matcher(impl_->pattern->matcher(subject, status));
-  if (U_FAILURE(status) || !matcher) return false;
-  matcher->setTimeLimit(kTimeLimit, status);
-  matcher->setStackLimit(kStackLimit, status);
+  auto& slot = tMatchers.matchers[impl_->id];
+  if (!slot) {
+    if (tMatchers.matchers.size() > MatcherCache::kMaxEntries) {
+      tMatchers.matchers.clear();
+      return evaluateWithObject(text);
+    }
+    slot.reset(impl_->pattern->matcher(status));
+    if (U_FAILURE(status) || !slot) {
+      tMatchers.matchers.erase(impl_->id);
+      return false;
+    }
+    slot->setTimeLimit(kTimeLimit, status);
+    slot->setStackLimit(kStackLimit, status);
+    if (U_FAILURE(status)) {
+      tMatchers.matchers.erase(impl_->id);
+      return false;
+    }
+  }
+  // The text is matched in place as UTF-8 (invalid sequences read as U+FFFD).
+  UText utext = UTEXT_INITIALIZER;
+  utext_openUTF8(&utext, text.data(), static_cast<int64_t>(text.size()), &status);
   if (U_FAILURE(status)) return false;
-  const UBool matched = matcher->matches(status);
+  slot->reset(&utext);
+  const UBool matched = slot->matches(status);
+  utext_close(&utext);
   // U_REGEX_TIME_OUT and U_REGEX_STACK_OVERFLOW end here as no match.
   return U_SUCCESS(status) && matched;
 }

@@ -14,7 +14,10 @@ std::string lowercase(const std::string& text) {
       ascii = false;
       break;
     }
-  if (ascii) {
+  // Text that is not valid UTF-8 (a Linux file name may hold any bytes) is
+  // lower-cased in its ASCII letters only, byte for byte: replacing the
+  // invalid bytes would make different names equal.
+  if (ascii || !isValidUTF8(text)) {
     std::string out = text;
     for (char& c : out)
       if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');

@@ -6,7 +6,8 @@
 namespace platform {
 
 // Full Unicode lower-casing in the root locale ("Straße" stays "straße",
-// "ÉCOLE" becomes "école").  Invalid UTF-8 sequences become U+FFFD.
+// "ÉCOLE" becomes "école").  Text that is not valid UTF-8 keeps its bytes:
+// only its ASCII letters are lower-cased.
 std::string lowercase(const std::string& text);
 
 // Whether `text` is valid UTF-8.

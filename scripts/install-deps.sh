@@ -9,8 +9,9 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkgconf
-  libplist-dev libicu-dev uuid-dev libsystemd-dev
+  libplist-dev libicu-dev uuid-dev libsystemd-dev libglib2.0-dev
   libgtest-dev libbenchmark-dev
+  e2fsprogs mount exfatprogs exfat-fuse dosfstools fusefat fuse3
 )
 for arg in "$@"; do
   case "$arg" in

@@ -1,0 +1,160 @@
+#include "platform/Directory.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/xattr.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "platform/ExtendedAttributes.h"
+
+namespace platform {
+namespace {
+
+FileAttributes::Type typeOf(uint32_t mode) {
+  switch (mode & S_IFMT) {
+    case S_IFREG: return FileAttributes::Type::Regular;
+    case S_IFDIR: return FileAttributes::Type::Directory;
+    case S_IFLNK: return FileAttributes::Type::SymbolicLink;
+    default: return FileAttributes::Type::Other;
+  }
+}
+
+FileTime timeOf(const struct statx_timestamp& t) { return FileTime{t.tv_sec, t.tv_nsec}; }
+
+// "<seconds>.<nanoseconds>" since 1970, as FileCopier writes it.
+bool parseStoredTime(const char* text, size_t length, FileTime* out) {
+  char buf[64];
+  if (length == 0 || length >= sizeof buf) return false;
+  std::memcpy(buf, text, length);
+  buf[length] = '\0';
+  long long seconds = 0;
+  unsigned nanoseconds = 0;
+  int consumed = 0;
+  if (std::sscanf(buf, "%lld.%9u%n", &seconds, &nanoseconds, &consumed) != 2 || static_cast<size_t>(consumed) != length)
+    return false;
+  out->seconds = seconds;
+  out->nanoseconds = nanoseconds;
+  return true;
+}
+
+}  // namespace
+
+bool statAt(int dirfd, const char* name, FileAttributes* a, bool preferStoredCreationDate) {
+  struct statx sx;
+  const unsigned mask = STATX_TYPE | STATX_MODE | STATX_NLINK | STATX_UID | STATX_GID | STATX_ATIME | STATX_MTIME |
+                        STATX_INO | STATX_SIZE | STATX_BLOCKS | STATX_BTIME;
+  int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | AT_STATX_SYNC_AS_STAT;
+  if (name[0] == '\0') flags |= AT_EMPTY_PATH;
+  if (::statx(dirfd, name, flags, mask, &sx) != 0) return false;
+  a->type = typeOf(sx.stx_mode);
+  a->size = sx.stx_size;
+  a->allocatedSize = sx.stx_blocks * 512;
+  a->mode = sx.stx_mode;
+  a->uid = sx.stx_uid;
+  a->gid = sx.stx_gid;
+  a->linkCount = sx.stx_nlink;
+  a->device = makedev(sx.stx_dev_major, sx.stx_dev_minor);
+  a->inode = sx.stx_ino;
+  a->modificationTime = timeOf(sx.stx_mtime);
+  a->accessTime = timeOf(sx.stx_atime);
+  a->creatorCode = 0;
+  a->typeCode = 0;
+  if (sx.stx_mask & STATX_BTIME) {
+    a->creationTime = timeOf(sx.stx_btime);
+    a->creationSource = FileAttributes::CreationSource::BirthTime;
+  } else {
+    a->creationTime = FileTime{};
+    a->creationSource = FileAttributes::CreationSource::None;
+  }
+  if (preferStoredCreationDate && a->type != FileAttributes::Type::SymbolicLink) {
+    // One call, relative to the folder's descriptor through /proc, without opening the item.
+    char value[64];
+    const std::string attribute = ExtendedAttributes::systemName(kCreationDateAttribute);
+    std::string path;
+    if (dirfd == AT_FDCWD) {
+      path = name;
+    } else {
+      path = "/proc/self/fd/" + std::to_string(dirfd);
+      if (name[0] != '\0') path += std::string("/") + name;
+    }
+    const ssize_t n = ::lgetxattr(path.c_str(), attribute.c_str(), value, sizeof value);
+    FileTime stored;
+    if (n > 0 && parseStoredTime(value, static_cast<size_t>(n), &stored)) {
+      a->creationTime = stored;
+      a->creationSource = FileAttributes::CreationSource::StoredAttribute;
+    }
+  }
+  return true;
+}
+
+std::optional<std::vector<std::string>> listEntries(int dirfd) {
+  const int dup = ::fcntl(dirfd, F_DUPFD_CLOEXEC, 0);
+  if (dup < 0) return std::nullopt;
+  DIR* stream = ::fdopendir(dup);
+  if (!stream) {
+    ::close(dup);
+    return std::nullopt;
+  }
+  std::vector<std::string> names;
+  while (struct dirent* entry = ::readdir(stream)) {
+    const char* n = entry->d_name;
+    if (n[0] == '.' && (n[1] == '\0' || (n[1] == '.' && n[2] == '\0'))) continue;
+    names.emplace_back(n);
+  }
+  ::closedir(stream);
+  return names;
+}
+
+Directory::Directory(FileDescriptor fd) : fd_(std::move(fd)) {}
+
+Directory::~Directory() {
+  if (stream_) ::closedir(stream_);  // closes the duplicate it was made from; fd_ closes itself
+}
+
+std::unique_ptr<Directory> Directory::open(const std::string& path) {
+  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd) return nullptr;
+  return std::unique_ptr<Directory>(new Directory(std::move(fd)));
+}
+
+std::unique_ptr<Directory> Directory::openChild(const std::string& name) const {
+  FileDescriptor fd(::openat(fd_.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd) return nullptr;
+  return std::unique_ptr<Directory>(new Directory(std::move(fd)));
+}
+
+bool Directory::readEntry(std::string* name) {
+  if (!stream_) {
+    // fdopendir takes over a descriptor of its own, so the folder can be listed once.
+    const int dup = ::fcntl(fd_.get(), F_DUPFD_CLOEXEC, 0);
+    if (dup < 0) return false;
+    stream_ = ::fdopendir(dup);
+    if (!stream_) {
+      ::close(dup);
+      return false;
+    }
+  }
+  while (true) {
+    errno = 0;
+    struct dirent* entry = ::readdir(stream_);
+    if (!entry) return false;
+    const char* n = entry->d_name;
+    if (n[0] == '.' && (n[1] == '\0' || (n[1] == '.' && n[2] == '\0'))) continue;
+    name->assign(n);
+    return true;
+  }
+}
+
+bool Directory::attributesOf(const std::string& name, FileAttributes* attributes, bool preferStoredCreationDate) const {
+  return statAt(fd_.get(), name.c_str(), attributes, preferStoredCreationDate);
+}
+
+bool Directory::attributes(FileAttributes* attributes) const { return statAt(fd_.get(), "", attributes, false); }
+
+}  // namespace platform
