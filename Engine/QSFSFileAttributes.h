@@ -1,0 +1,33 @@
+// An item's attributes as the file trees keep them: a plain value record.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/FileAttributes.h"
+
+// Item types of the records.
+inline constexpr int32_t kQSFSTypeOther = 0;
+inline constexpr int32_t kQSFSTypeFolder = 1;
+inline constexpr int32_t kQSFSTypeFile = 2;  // a regular file or a symbolic link
+
+struct QSFSFileAttributes {
+  int64_t size = 0;                    // logical size in bytes
+  int32_t type = kQSFSTypeOther;
+  bool fileTypeIsARegularFile = false;
+  double creationDate = 0;             // seconds since 2001-01-01 00:00:00 UTC
+  double modificationDate = 0;
+
+  bool operator==(const QSFSFileAttributes&) const = default;
+
+  // The record of an item read by the file manager: the full size of a file
+  // (0 for a folder), its type code and its dates.
+  static QSFSFileAttributes fromFileAttributes(const platform::FileAttributes& a) {
+    QSFSFileAttributes r;
+    r.type = a.isDirectory() ? kQSFSTypeFolder : (a.isRegularFile() || a.isSymbolicLink()) ? kQSFSTypeFile : kQSFSTypeOther;
+    r.size = a.isDirectory() ? 0 : static_cast<int64_t>(a.size);
+    r.fileTypeIsARegularFile = a.isRegularFile();
+    r.creationDate = a.creationTime.sinceReferenceDate();
+    r.modificationDate = a.modificationTime.sinceReferenceDate();
+    return r;
+  }
+};
