@@ -15,3 +15,8 @@ TEST(UnicodeTextTest, ValidUTF8) {
   EXPECT_FALSE(platform::isValidUTF8(std::string("a\xff")));
   EXPECT_FALSE(platform::isValidUTF8(std::string("\xc3")));
 }
+
+TEST(UnicodeTextTest, InvalidUTF8KeepsItsBytesSoDifferentNamesStayDifferent) {
+  EXPECT_EQ(platform::lowercase(std::string("A\xff")), std::string("a\xff"));
+  EXPECT_NE(platform::lowercase(std::string("a\xff")), platform::lowercase(std::string("a\xfe")));
+}
