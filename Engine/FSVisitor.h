@@ -19,14 +19,3 @@ class FSVisitor {
   virtual bool startVisitAtPath_attributes(const std::string& path, const platform::FileAttributes& attributes) = 0;
   virtual void startTraversalOfPath(const std::string& path) = 0;
 };
-
-// A visitor that does nothing and always descends; walkers override what they need.
-class FSDepthFirstVisitor : public FSVisitor {
- public:
-  void finishVisitOfGroup_atPath(const QSFSVersionArray&, const std::string&) override {}
-  void startVisitOfGroup_atPath(const QSFSVersionArray&, const std::string&) override {}
-  void finishTraversalOfPath(const std::string&) override {}
-  void finishVisitAtPath_attributes(const std::string&, const platform::FileAttributes&) override {}
-  bool startVisitAtPath_attributes(const std::string&, const platform::FileAttributes&) override { return true; }
-  void startTraversalOfPath(const std::string&) override {}
-};

@@ -175,6 +175,30 @@ bool FileManager::setOwner(const std::string& path, uint32_t uid, uint32_t gid, 
 
 bool FileManager::setPermissions(const std::string& path, uint32_t mode) { return ::chmod(path.c_str(), mode & 07777) == 0; }
 
+std::optional<FileManager::VolumeTraits> FileManager::probeVolumeTraits(const std::string& folder) {
+  const std::string name = folder + "/.skerrow-probe-" + std::to_string(::getpid());
+  FileDescriptor fd(::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!fd) return std::nullopt;
+  VolumeTraits traits;
+  // An odd second and a nanosecond part: every coarser clock shows a difference.
+  const struct timespec wanted = {1234567891, 123456789};
+  const struct timespec times[2] = {wanted, wanted};
+  struct stat st;
+  if (::futimens(fd.get(), times) == 0 && ::fstat(fd.get(), &st) == 0) {
+    const int64_t set = static_cast<int64_t>(wanted.tv_sec) * 1000000000 + wanted.tv_nsec;
+    const int64_t got = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+    const uint64_t difference = static_cast<uint64_t>(set > got ? set - got : got - set);
+    for (uint64_t g : {uint64_t{1}, uint64_t{1000}, uint64_t{10000000}, uint64_t{1000000000}, uint64_t{2000000000}}) {
+      traits.timeGranularityNanoseconds = g;
+      if (difference < g) break;
+    }
+  }
+  traits.keepsUserAttributes = ::fsetxattr(fd.get(), "user.com.qsc.probe", "1", 1, 0) == 0;
+  fd.reset();
+  ::unlink(name.c_str());
+  return traits;
+}
+
 std::optional<uint64_t> FileManager::freeSpaceAtPath(const std::string& path) {
   struct statvfs vfs;
   if (::statvfs(path.c_str(), &vfs) != 0) return std::nullopt;

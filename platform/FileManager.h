@@ -62,6 +62,17 @@ class FileManager {
   // Permission bits (links have none: a link is followed).
   static bool setPermissions(const std::string& path, uint32_t mode);
 
+  // What a folder's file system keeps of a copy's metadata, found by trying
+  // it on a scratch file: the coarseness of its modification times (1 for
+  // nanoseconds, 10,000,000 for exFAT's 10 ms, 2,000,000,000 for FAT's 2 s)
+  // and whether it keeps user extended attributes (and so the stored
+  // creation date).  Nothing when the folder cannot be written.
+  struct VolumeTraits {
+    uint64_t timeGranularityNanoseconds = 1;
+    bool keepsUserAttributes = true;
+  };
+  static std::optional<VolumeTraits> probeVolumeTraits(const std::string& folder);
+
   // Free bytes for unprivileged writers on the file system holding `path`.
   static std::optional<uint64_t> freeSpaceAtPath(const std::string& path);
   // `path` with every symbolic link resolved; nothing when it cannot be resolved.

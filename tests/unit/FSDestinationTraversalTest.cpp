@@ -47,7 +47,7 @@ TEST(FSDestinationTraversalTest, VersionRecordsCarryTheCopiesAttributesAndStored
   const std::string backup = dir.mkdir("U");
   const std::string file = dir.write("U/a@3.txt", "12345");
   const bool attributes = ::setxattr(file.c_str(), "user.com.qsc.creation-date", "978307260.500000000", 19, 0) == 0;
-  struct Capture : FSDepthFirstVisitor {
+  struct Capture : skerrow_test::NoopFSVisitor {
     QSFSVersionArray versions;
     void startVisitOfGroup_atPath(const QSFSVersionArray& v, const std::string&) override { versions = v; }
   } capture;
@@ -68,7 +68,7 @@ TEST(FSDestinationTraversalTest, SubfoldersAreWalkedAndLinksCountAsFilesButNotRe
   const std::string backup = dir.mkdir("U");
   dir.write("U/Documents/a@0.txt", "a");
   ASSERT_EQ(::symlink("target", (backup + "/l@0").c_str()), 0);
-  struct Capture : FSDepthFirstVisitor {
+  struct Capture : skerrow_test::NoopFSVisitor {
     std::map<std::string, QSFSVersionArray> groups;
     void startVisitOfGroup_atPath(const QSFSVersionArray& v, const std::string& p) override { groups[p] = v; }
   } capture;

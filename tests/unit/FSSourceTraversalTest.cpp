@@ -52,7 +52,7 @@ class ExposedSourceTraversal : public FSSourceTraversal {
     RecordingFSVisitor unused;
     bool answer = false;
     // Run the test inside a walk so the home path is set as the walk sets it.
-    struct Probe : FSDepthFirstVisitor {
+    struct Probe : skerrow_test::NoopFSVisitor {
       std::function<void()> atStart;
       void startTraversalOfPath(const std::string&) override { atStart(); }
     } probe;

@@ -9,6 +9,17 @@
 
 namespace skerrow_test {
 
+// A visitor that does nothing and always descends.
+class NoopFSVisitor : public FSVisitor {
+ public:
+  void finishVisitOfGroup_atPath(const QSFSVersionArray&, const std::string&) override {}
+  void startVisitOfGroup_atPath(const QSFSVersionArray&, const std::string&) override {}
+  void finishTraversalOfPath(const std::string&) override {}
+  void finishVisitAtPath_attributes(const std::string&, const platform::FileAttributes&) override {}
+  bool startVisitAtPath_attributes(const std::string&, const platform::FileAttributes&) override { return true; }
+  void startTraversalOfPath(const std::string&) override {}
+};
+
 class RecordingFSVisitor : public FSVisitor {
  public:
   std::vector<std::string> calls;

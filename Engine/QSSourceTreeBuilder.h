@@ -1,0 +1,31 @@
+// Builds the source tree and the source tally of one walk of a home folder.
+//
+// The walk's first item (the home folder) stands for the root node, whose
+// path is "/", so every node's full path is its path below the home folder.
+// Each item gets a node under the node of its folder, carrying its source
+// attributes; each file and symbolic link is counted once in every category
+// its place gives it (the folders between the home folder and the file).
+#pragma once
+
+#include <memory>
+
+#include "Engine/FSDepthFirstVisitor.h"
+#include "Engine/QSFSNode.h"
+#include "Engine/QSMutableTally.h"
+
+class QSSourceTreeBuilder : public FSDepthFirstVisitor {
+ public:
+  QSSourceTreeBuilder();
+
+  std::shared_ptr<QSFSNode> nodeAtPath_attributes(const std::string& path,
+                                                  const platform::FileAttributes& attributes) override;
+
+  const std::shared_ptr<QSFSMutableNode>& root() const { return root_; }
+  const std::shared_ptr<QSMutableTally>& tally() const { return tally_; }
+  // Starts over with an empty tree and tally.
+  void reset();
+
+ private:
+  std::shared_ptr<QSFSMutableNode> root_;
+  std::shared_ptr<QSMutableTally> tally_;
+};
