@@ -28,6 +28,11 @@ class QSBlackList {
   // `pathSuffixBlacklister` on a path relative to the home folder.
   static bool isPathSuffixBlacklisted(const std::string& pathSuffix);
 
+  // The same two questions asked of the full expressions, without the exact
+  // shortcuts the two above take for plain ASCII text (for tests).
+  static bool isFilenameBlacklistedByExpression(const std::string& fileName);
+  static bool isPathSuffixBlacklistedByExpression(const std::string& pathSuffix);
+
   static std::string fileNamePattern();
   static std::string pathSuffixPattern();
   // Where the settings file is looked for.

@@ -6,7 +6,7 @@
 
 namespace {
 
-std::string lowerName(const QSFSNode& node) { return platform::lowercase(node.fileName()); }
+std::string lowerName(const QSFSNode& node) { return platform::lowercase(std::string(node.fileNameView())); }
 
 }  // namespace
 

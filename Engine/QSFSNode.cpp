@@ -48,11 +48,11 @@ std::shared_ptr<QSFSMutableNode> QSFSMutableNode::initWithFileName_versions(cons
 
 const QSFSChildMap& QSFSNode::children() const { return children_ ? *children_ : emptyChildren(); }
 
-std::string QSFSNode::fileName() const {
-  std::string p = path_;
-  while (p.size() > 1 && p.back() == '/') p.pop_back();
+std::string_view QSFSNode::fileNameView() const {
+  std::string_view p = path_;
+  while (p.size() > 1 && p.back() == '/') p.remove_suffix(1);
   const auto slash = p.find_last_of('/');
-  if (slash == std::string::npos || p.size() == 1) return p;
+  if (slash == std::string_view::npos || p.size() == 1) return p;
   return p.substr(slash + 1);
 }
 

@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "Engine/QSFSChildMap.h"
 #include "Engine/QSFSFileAttributes.h"
@@ -41,7 +42,9 @@ class QSFSNode {
   QSFSFileAttributes sourceAttributes() const { return src_; }
   QSFSFileAttributes destinationAttributes() const { return dst_ ? *dst_ : QSFSFileAttributes(); }
   // The last path component of `path`.
-  std::string fileName() const;
+  std::string fileName() const { return std::string(fileNameView()); }
+  // The same without a copy (valid while the node's path is unchanged).
+  std::string_view fileNameView() const;
   // Whether a versions list exists, even an empty one.
   bool hasVersions() const { return static_cast<bool>(versions_); }
   std::shared_ptr<QSFSNode> childWithName(const std::string& name) const;

@@ -54,10 +54,10 @@ QSCategoryMask QSFSNodeStack::categoriesFor(size_t n, const std::string* f1, con
 
 QSCategoryMask QSFSNodeStack::applicableCategoryMask(const std::optional<std::string>& fileName) const {
   const size_t n = stack_.size();
-  std::string f1, f2;
-  if (n > 1) f1 = stack_[1]->fileName();
-  if (n > 2) f2 = stack_[2]->fileName();
-  return categoriesFor(n, n > 1 ? &f1 : nullptr, n > 2 ? &f2 : nullptr, fileName);
+  // Below the starting folder a node's path is its own name: no copy is needed.
+  const std::string* f1 = n > 1 ? &stack_[1]->path() : nullptr;
+  const std::string* f2 = n > 2 ? &stack_[2]->path() : nullptr;
+  return categoriesFor(n, f1, f2, fileName);
 }
 
 std::set<std::string> QSFSNodeStack::applicableCategories(const std::optional<std::string>& fileName) const {

@@ -10,15 +10,21 @@ std::shared_ptr<QSMutableTally> QSMutableTally::initWithTally(const std::shared_
 // first use (inserted only if no other thread inserted them first), then the
 // file and byte counters are each increased in one locked step.
 void QSMutableTally::increase(Map& map, const std::string& category, int64_t bytes, int64_t files) {
-  auto counters = map.threadSafeObjectForKey(category);
-  if (!counters || counters->size() < 2 || !(*counters)[0] || !(*counters)[1]) {
-    Counters fresh = {QSAtomicInteger::initWithValue(0), QSAtomicInteger::initWithValue(0)};
-    if (counters)  // damaged entry (from a decoded stream): replace it
-      map.threadSafeSetObject_forKey(fresh, category);
-    counters = map.threadSafeSetObjectIfAbsent_forKey(std::move(fresh), category);
+  auto add = [&](const Counters& counters) {
+    if (counters.size() < 2 || !counters[0] || !counters[1]) return false;
+    counters[0]->addValue(files);
+    counters[1]->addValue(bytes);
+    return true;
+  };
+  bool added = false;
+  if (map.withObjectForKey(category, [&](const Counters& counters) { added = add(counters); })) {
+    if (added) return;
+    // A damaged entry (from a decoded stream): replace it.
+    map.threadSafeSetObject_forKey({QSAtomicInteger::initWithValue(0), QSAtomicInteger::initWithValue(0)}, category);
   }
-  (*counters)[0]->addValue(files);
-  (*counters)[1]->addValue(bytes);
+  const Counters counters = map.threadSafeSetObjectIfAbsent_forKey(
+      {QSAtomicInteger::initWithValue(0), QSAtomicInteger::initWithValue(0)}, category);
+  add(counters);
 }
 
 void QSMutableTally::increaseBytesBy_filesBy_forSourceCategory(int64_t bytes, int64_t files,

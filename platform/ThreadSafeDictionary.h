@@ -37,6 +37,18 @@ class ThreadSafeDictionary {
     return it->second;
   }
 
+  // Calls `use` with the value under the key, under the lock, without a
+  // copy; answers whether the key was present.  `use` must not call back
+  // into this dictionary.
+  template <class Use>
+  bool withObjectForKey(const Key& key, Use&& use) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = map_.find(key);
+    if (it == map_.end()) return false;
+    use(it->second);
+    return true;
+  }
+
   void threadSafeSetObject_forKey(Value value, const Key& key) {
     std::lock_guard<std::mutex> lock(mutex_);
     map_.insert_or_assign(key, std::move(value));

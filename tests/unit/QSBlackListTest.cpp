@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "platform/Log.h"
 #include "platform/PropertyList.h"
 
@@ -109,4 +111,32 @@ TEST(QSBlackListTest, ShippedDefaultsCatchCachesAndTemporariesButNoRealDocument)
                              "/.local/share/Trashcan", "/.var/app/org.gimp.GIMP/config", "/snap/firefox/common/x",
                              "/.var/app/cache", "/Library/CachesOld", ""})
     EXPECT_FALSE(QSBlackList::isPathSuffixBlacklisted(suffix)) << suffix;
+}
+
+// The exact shortcuts for ASCII text must answer what the full expressions answer.
+TEST(QSBlackListTest, ShortcutsAgreeWithTheFullExpressions) {
+  RestoreShippedList restore;
+  const std::vector<Dictionary> lists = {
+      *platform::PropertyList::readFile(QSBlackList::settingsFilePath())->asDictionary(),
+      settings({Value("tmp"), Value("a.b")}, {Value("x[0-9]"), Value("\\.DS_Store")}, {Value("/a+b/c"), Value("/x|/y")}),
+      settings({}, {}, {}),
+      settings({Value("")}, {Value("q")}, {Value("/\\.cache(/.*)?"), Value("/snap/[^/]+/\\.cache")}),
+  };
+  const std::string alphabet = "./aAbBcCtTmMpPxXsS_D0129\n\r-";
+  std::mt19937 rng(424242);
+  for (const auto& list : lists) {
+    QSBlackList::initializeWithInfoDictionary(list);
+    for (int i = 0; i < 20000; ++i) {
+      std::string text;
+      const int length = static_cast<int>(rng() % 12);
+      for (int j = 0; j < length; ++j) text += alphabet[rng() % alphabet.size()];
+      if (rng() % 4 == 0) text = "/" + text;
+      if (rng() % 5 == 0) text = "/.cache" + text;
+      if (rng() % 7 == 0) text += ".TMP";
+      ASSERT_EQ(QSBlackList::isFilenameBlacklisted(text), QSBlackList::isFilenameBlacklistedByExpression(text))
+          << QSBlackList::fileNamePattern() << " on " << text;
+      ASSERT_EQ(QSBlackList::isPathSuffixBlacklisted(text), QSBlackList::isPathSuffixBlacklistedByExpression(text))
+          << QSBlackList::pathSuffixPattern() << " on " << text;
+    }
+  }
 }
