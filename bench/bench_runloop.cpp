@@ -8,32 +8,9 @@
 #include <thread>
 
 #include "platform/SdEventRunLoop.h"
+#include "tests/support/LoopThread.h"
 
-namespace {
-
-class LoopThread {
- public:
-  LoopThread() {
-    std::promise<void> ready;
-    thread_ = std::thread([this, &ready] {
-      loop_ = std::make_unique<platform::SdEventRunLoop>();
-      ready.set_value();
-      loop_->run();
-    });
-    ready.get_future().wait();
-  }
-  ~LoopThread() {
-    loop_->stop();
-    thread_.join();
-  }
-  platform::SdEventRunLoop& loop() { return *loop_; }
-
- private:
-  std::unique_ptr<platform::SdEventRunLoop> loop_;
-  std::thread thread_;
-};
-
-}  // namespace
+using skerrow_test::LoopThread;
 
 // One post + run, measured over batches: the poster does not wait per task.
 static void BM_HandOverPostAndRun(benchmark::State& state) {

@@ -14,48 +14,13 @@
 
 #include "platform/Exception.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/LoopThread.h"
 
 using platform::RunLoop;
 using platform::SdEventRunLoop;
 using namespace std::chrono_literals;
 
-namespace {
-
-// A loop created and run on its own thread, for tests that post from the
-// test's thread.  The loop object outlives its thread, so it can still be
-// asked things after it stopped.
-class LoopThread {
- public:
-  LoopThread() {
-    std::promise<void> ready;
-    thread_ = std::thread([this, &ready] {
-      loop_ = std::make_unique<SdEventRunLoop>();
-      loopThread_ = std::this_thread::get_id();
-      ready.set_value();
-      left_ = loop_->run();
-    });
-    ready.get_future().wait();
-  }
-  ~LoopThread() { stopAndJoin(); }
-  SdEventRunLoop& loop() { return *loop_; }
-  std::thread::id id() const { return loopThread_; }
-  // Stops the loop, waits for its thread, answers run's count of tasks left.
-  size_t stopAndJoin() {
-    if (thread_.joinable()) {
-      loop_->stop();
-      thread_.join();
-    }
-    return left_;
-  }
-
- private:
-  std::unique_ptr<SdEventRunLoop> loop_;
-  std::thread::id loopThread_;
-  std::thread thread_;
-  size_t left_ = 0;
-};
-
-}  // namespace
+using skerrow_test::LoopThread;
 
 TEST(SdEventRunLoopTest, LoopBelongsToItsCreatingThread) {
   SdEventRunLoop loop;
