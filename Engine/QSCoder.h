@@ -12,7 +12,8 @@
 //
 // A decoder raises platform::Exception ("NSInvalidUnarchiveOperationException")
 // when the stream does not hold the item asked for, so a reader never sees
-// half a record.
+// half a record.  A date is its seconds since the reference date: a date
+// item reads as a double and a double item as a date.
 #pragma once
 
 #include <cstdint>
@@ -78,6 +79,9 @@ class QSDecoder {
   virtual void endDictionary() = 0;
   // Checks that the next object is of `className`.
   virtual void beginObject(const std::string& className) = 0;
+  // Takes the next object's opening whatever its class; answers the class name
+  // (empty for a record that came over the bus, which carries none).
+  virtual std::string beginAnyObject() = 0;
   virtual void endObject() = 0;
 
   // A record made by Record::initWithCoder between its object brackets.

@@ -31,6 +31,11 @@ struct QSMemoryCoder::Stream {
   }
 
   template <class T>
+  bool next() const {
+    return position < items.size() && std::holds_alternative<T>(items[position]);
+  }
+
+  template <class T>
   T take(const char* what) {
     if (position >= items.size())
       platform::Exception::raise(kInvalidUnarchiveOperationException, "expected a %s, found the end of the stream",
@@ -74,20 +79,28 @@ class QSMemoryCoder::Decoder : public QSDecoder {
   bool decodeBool() override { return s_.take<bool>("boolean"); }
   int64_t decodeInt64() override { return s_.take<int64_t>("64-bit integer"); }
   uint32_t decodeUInt32() override { return s_.take<uint32_t>("32-bit unsigned integer"); }
-  double decodeDouble() override { return s_.take<double>("double"); }
+  double decodeDouble() override {
+    if (s_.next<platform::Date>()) return s_.take<platform::Date>("date").timeIntervalSinceReferenceDate();
+    return s_.take<double>("double");
+  }
   std::string decodeString() override { return s_.take<std::string>("string"); }
   std::optional<std::string> decodeOptionalString() override {
     return s_.take<std::optional<std::string>>("optional string");
   }
-  platform::Date decodeDate() override { return s_.take<platform::Date>("date"); }
+  platform::Date decodeDate() override {
+    if (s_.next<double>()) return platform::Date(s_.take<double>("double"));
+    return s_.take<platform::Date>("date");
+  }
   platform::Dictionary decodeDictionary() override { return s_.take<platform::Dictionary>("dictionary"); }
   size_t beginArray() override { return s_.take<ArrayBegin>("array").count; }
   void endArray() override { s_.take<ArrayEnd>("end of array"); }
   size_t beginDictionary() override { return s_.take<DictionaryBegin>("dictionary of records").count; }
   void endDictionary() override { s_.take<DictionaryEnd>("end of dictionary"); }
+  std::string beginAnyObject() override { return s_.take<ObjectBegin>("object").className; }
   void beginObject(const std::string& className) override {
     const ObjectBegin begin = s_.take<ObjectBegin>("object");
-    if (begin.className != className) {
+    // An object opened without a class name (a record from the bus) is taken as the one asked for.
+    if (!begin.className.empty() && begin.className != className) {
       --s_.position;
       platform::Exception::raise(kInvalidUnarchiveOperationException, "expected an object of class %s, found %s",
                                  className.c_str(), begin.className.c_str());

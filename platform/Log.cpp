@@ -5,6 +5,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 
@@ -27,7 +28,8 @@ void systemLog(const std::string& text) {
   static std::once_flag opened;
   std::call_once(opened, [] { openlog(nullptr, LOG_PID | LOG_NDELAY, LOG_DAEMON); });
   syslog(LOG_NOTICE, "%s", text.c_str());
-  static const bool toTerminal = isatty(STDERR_FILENO) == 1;
+  // Standard error too when it is a terminal, or when SKERROW_LOG_STDERR asks for it (tests, debugging).
+  static const bool toTerminal = isatty(STDERR_FILENO) == 1 || std::getenv("SKERROW_LOG_STDERR") != nullptr;
   if (toTerminal) {
     std::string out = text;
     out += '\n';

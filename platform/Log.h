@@ -1,7 +1,7 @@
 // The system log: plain lines, no levels, no prefixes.
 //
 // Each line goes to syslog (and so to the journal) and, when standard error
-// is a terminal, to standard error.  Tests replace the sink to capture lines.
+// is a terminal or the environment sets SKERROW_LOG_STDERR, to standard error.  Tests replace the sink to capture lines.
 #pragma once
 
 #include <functional>

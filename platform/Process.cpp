@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 
@@ -35,5 +37,34 @@ std::vector<std::string> Process::arguments() {
   }
   return out;
 }
+
+std::optional<std::string> Process::environmentVariable(const std::string& name) {
+  const char* value = std::getenv(name.c_str());
+  if (!value) return std::nullopt;
+  return std::string(value);
+}
+
+void Process::terminateImmediately(int status) {
+  std::fflush(stdout);
+  std::fflush(stderr);
+  ::_exit(status);
+}
+
+std::string Process::machineName() {
+  std::ifstream info("/etc/machine-info");
+  std::string line;
+  while (std::getline(info, line)) {
+    if (line.rfind("PRETTY_HOSTNAME=", 0) != 0) continue;
+    std::string value = line.substr(16);
+    if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') && value.back() == value.front())
+      value = value.substr(1, value.size() - 2);
+    if (!value.empty()) return value;
+  }
+  char host[256] = {};
+  if (::gethostname(host, sizeof host - 1) == 0) return host;
+  return "";
+}
+
+uint32_t Process::effectiveUID() { return ::geteuid(); }
 
 }  // namespace platform

@@ -1,6 +1,8 @@
 // Facts about the running process.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,6 +16,15 @@ class Process {
   static std::string executableDirectory();
   // The process's arguments, the program path first.
   static std::vector<std::string> arguments();
+  // An environment variable, or nothing.
+  static std::optional<std::string> environmentVariable(const std::string& name);
+  // Ends the process at once with `status`: standard streams are flushed,
+  // nothing else runs (no destructors, no exit handlers).
+  [[noreturn]] static void terminateImmediately(int status);
+  // The computer's name as users see it: PRETTY_HOSTNAME of /etc/machine-info,
+  // else the host name.
+  static std::string machineName();
+  static uint32_t effectiveUID();
 };
 
 }  // namespace platform

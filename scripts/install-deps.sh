@@ -9,7 +9,8 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkgconf
-  libplist-dev libicu-dev uuid-dev libsystemd-dev libglib2.0-dev
+  libplist-dev libicu-dev uuid-dev libsystemd-dev libglib2.0-dev libmount-dev libblkid-dev
+  libsdbus-c++-dev libsdbus-c++-bin dbus-daemon libnss-wrapper systemd
   libgtest-dev libbenchmark-dev
   e2fsprogs mount exfatprogs exfat-fuse dosfstools fusefat fuse3
 )

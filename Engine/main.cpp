@@ -1,0 +1,73 @@
+// skerrowd: the Skerrow backup engine.
+//
+// Wires the process together: the main run loop, the engine server, its bus
+// connection and the mount notices; then serves until it is told to stop.
+#include <memory>
+#include <string>
+
+#include "Engine/QSFSNodeStack.h"
+#include "Engine/QSSkerrowServer.h"
+#include "Engine/QSVolumeFunctions.h"
+#include "ipc/QSSkerrowServerAdaptor.h"
+#include "platform/BusConnection.h"
+#include "platform/Exception.h"
+#include "platform/Log.h"
+#include "platform/MountMonitor.h"
+#include "platform/OVThread.h"
+#include "platform/Process.h"
+#include "platform/SdEventRunLoop.h"
+#include "platform/VolumeService.h"
+#include "platform/Workspace.h"
+
+namespace {
+
+// "-userApp" (any letter case) runs the engine for the invoking user on the session bus.
+bool runsAsUserApp() {
+  for (const std::string& argument : platform::Process::arguments())
+    if (QSNameIs(argument, "-userApp")) return true;
+  return false;
+}
+
+}  // namespace
+
+int main() {
+  // The loop comes first: it blocks SIGTERM and SIGINT, which every thread started later inherits.
+  platform::OVThread::markCurrentAsMainThread();
+  platform::SdEventRunLoop loop(platform::SdEventRunLoop::Options{true});
+  platform::RunLoop::setMain(&loop);
+
+  platform::Log::line("server is launching...");
+  try {
+    auto bus = platform::BusConnection::open(runsAsUserApp() ? platform::BusConnection::Bus::Session
+                                                             : platform::BusConnection::Bus::System);
+    auto server = QSSkerrowServer::instance();
+    QSSkerrowServerAdaptor adaptor(bus->connection(), server);
+    bus->attachToRunLoop(loop);
+    std::string reason;
+    if (!bus->requestName(kServiceName, &reason))
+      platform::Log::format("Unable to register the name %s (%s); going on without it", kServiceName, reason.c_str());
+    platform::Log::line("sconnection configured...");
+
+    for (const auto& [bsdName, volume] : QSVolumeInfoForLocalVolumes())
+      server->diskDidAppearWithBSDName_mountPath_onVolume(volume->bsdName(), volume->mountPoint(), volume->volumeName());
+
+    // The workspace's mount notices, from the kernel's mount table.
+    platform::MountMonitor monitor(loop, platform::VolumeService::system(), [](const platform::MountChange& change) {
+      platform::postWorkspaceNotice(change.kind == platform::MountChange::Kind::Mounted
+                                        ? platform::NSWorkspaceDidMountNotification
+                                        : platform::NSWorkspaceDidUnmountNotification,
+                                    change.mountPoint);
+    });
+
+    const size_t left = loop.run();
+    if (left) platform::Log::format("%zu requests handed to the main loop were not served before it stopped", left);
+    if (loop.stoppedBySignal()) platform::Log::format("Stopped by signal %d", loop.stoppedBySignal());
+  } catch (const platform::Exception& e) {
+    platform::Log::format("%s", e.description().c_str());
+  } catch (...) {
+    platform::Log::line("exiting...");
+    throw;
+  }
+  platform::Log::line("exiting...");
+  return 0;
+}

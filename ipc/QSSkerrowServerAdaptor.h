@@ -1,0 +1,39 @@
+// The engine server on the bus: com.qsc.skerrow.QSSkerrowServerProtocol at
+// /com/qsc/skerrow.  Each method hands over to the server; the methods whose
+// engine side this build does not have (the database, the backup services,
+// disk remounting, legacy conversions) answer
+// org.freedesktop.DBus.Error.NotSupported.
+#pragma once
+
+#include <memory>
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include "Engine/QSSkerrowServer.h"
+#include "ipc/SkerrowAdaptors.h"
+
+inline constexpr const char* kServerObjectPath = "/com/qsc/skerrow";
+inline constexpr const char* kServiceName = "com.qsc.skerrow";
+
+class QSSkerrowServerAdaptor
+    : public sdbus::AdaptorInterfaces<com::qsc::skerrow::QSSkerrowServerProtocol_adaptor> {
+ public:
+  QSSkerrowServerAdaptor(sdbus::IConnection& connection, std::shared_ptr<QSSkerrowServer> server);
+  ~QSSkerrowServerAdaptor();
+
+ private:
+  void setSupportsContinuousBackup(const bool& supports) override;
+  bool supportsContinuousBackup() override;
+  void exit() override;
+  void backupServiceForClient(sdbus::Result<sdbus::ObjectPath>&& result, sdbus::ObjectPath client) override;
+  bool remountDriveWithBSDName(const std::string& bsdName) override;
+  std::map<std::string, sdbus::Variant> jobs() override;
+  std::map<std::string, sdbus::Struct<bool, bool, std::string, std::string, std::string, std::string, std::string,
+                                      std::string, std::string, std::string, std::string,
+                                      std::map<std::string, sdbus::Struct<bool, std::string, std::map<std::string, sdbus::Variant>>>,
+                                      double, double, uint32_t, std::vector<std::string>>>
+  db2() override;
+  std::vector<std::string> conversionStateForMountPath(const std::string& mountPath) override;
+
+  std::shared_ptr<QSSkerrowServer> server_;
+};
