@@ -6,16 +6,12 @@
 #include "Engine/QSFSNodeVisitor.h"
 #include "platform/Date.h"
 #include "platform/Exception.h"
+#include "platform/FileCopier.h"
 #include "platform/FileManager.h"
 #include "platform/Format.h"
+#include "platform/Path.h"
 
 namespace {
-
-std::string joinPath(const std::string& a, const std::string& b) {
-  if (a.empty()) return b;
-  if (b.empty()) return a;
-  return a.back() == '/' ? a + b : a + "/" + b;
-}
 
 const QSFSChildMap& emptyChildren() {
   static const QSFSChildMap empty;
@@ -78,21 +74,34 @@ std::optional<std::string> QSFSNode::fullPathToVersionAtIndex(uint32_t index) co
     platform::Exception::raise("NSRangeException", "index %u beyond bounds [0 .. %zu]", index, count ? count - 1 : 0);
   const auto& version = (*versions_)[index];
   if (!version || !parent_) return std::nullopt;
-  return joinPath(parent_->fullPath(), version->fileName());
+  return platform::appendingPathComponent(parent_->fullPath(), version->fileName());
 }
 
 std::string QSFSNode::relativePath() const {
   if (!parent_) return "";
   const std::string above = parent_->relativePath();
-  return above.empty() ? path_ : joinPath(above, path_);
+  return above.empty() ? path_ : platform::appendingPathComponent(above, path_);
 }
 
 std::string QSFSNode::fullPath() const {
   if (!parent_) return path_;
-  return joinPath(parent_->fullPath(), path_);
+  return platform::appendingPathComponent(parent_->fullPath(), path_);
 }
 
 void QSFSNode::removeOldestVersionsOfFile_fromBackupFolder(uint32_t keep, const std::string& folder) const {
+  removeOldestVersions(keep, [&](const std::string& name) {
+    platform::FileManager::removeItemAtPath(platform::appendingPathComponent(folder, name));
+  });
+}
+
+void QSFSNode::removeOldestVersionsOfFile_beneath_inFolder(uint32_t keep, const std::string& root,
+                                                          const std::string& relativeFolder) const {
+  removeOldestVersions(keep, [&](const std::string& name) {
+    platform::FileCopier::removeItemBeneath(root, platform::appendingPathComponent(relativeFolder, name));
+  });
+}
+
+void QSFSNode::removeOldestVersions(uint32_t keep, const std::function<void(const std::string&)>& remove) const {
   const size_t n = versions_ ? versions_->size() : 0;
   if (n == 0 || n < keep) return;
   const size_t toDelete = n - keep + 1;
@@ -100,8 +109,7 @@ void QSFSNode::removeOldestVersionsOfFile_fromBackupFolder(uint32_t keep, const 
     if (j >= n)  // keep = 0: one more than there is
       platform::Exception::raise("NSRangeException", "index -1 beyond bounds [0 .. %zu]", n - 1);
     const auto& version = (*versions_)[n - 1 - j];
-    if (version && !version->fileName().empty())
-      platform::FileManager::removeItemAtPath(joinPath(folder, version->fileName()));
+    if (version && !version->fileName().empty()) remove(version->fileName());
   }
 }
 

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -64,6 +65,11 @@ class QSFSNode {
   // remain: with n versions and n >= keep, the n - keep + 1 oldest go.  The
   // versions list is left as it was.  With keep = 0 it raises after deleting all.
   void removeOldestVersionsOfFile_fromBackupFolder(uint32_t keep, const std::string& folder) const;
+  // The same, for copies in `relativeFolder` below the trusted `root`: no
+  // link or mount point on the way is crossed (the backup engine prunes
+  // folders on a disk that users can write to).
+  void removeOldestVersionsOfFile_beneath_inFolder(uint32_t keep, const std::string& root,
+                                                   const std::string& relativeFolder) const;
   // Walks this node and everything below it (the visitor's start answers are ignored).
   void depthFirstTraverseWith(QSFSNodeVisitor& visitor);
 
@@ -81,6 +87,7 @@ class QSFSNode {
   std::unique_ptr<QSFSFileAttributes> dst_;  // made when first set
 
  private:
+  void removeOldestVersions(uint32_t keep, const std::function<void(const std::string&)>& remove) const;
   void visit(const std::shared_ptr<QSFSNode>& self, QSFSNodeVisitor& visitor);
 };
 
