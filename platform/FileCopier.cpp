@@ -353,6 +353,59 @@ bool FileCopier::copyBeneath(const std::string& sourceRoot, const std::string& s
   return ok;
 }
 
+bool FileCopier::createDirectoryBeneath(const std::string& root, const std::string& relative,
+                                        const FileAttributes* like, FileError* error,
+                                        std::optional<uint64_t> rootDevice) {
+  FileError local;
+  FileError& report = error ? *error : local;
+  const std::string path = join(root, relative);
+  std::string parent, leaf;
+  if (!splitRelative(relative, &parent, &leaf)) {
+    report = posixError(EINVAL, path, "Unable to create directory");
+    return false;
+  }
+  FileDescriptor rootFd(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!rootFd) {
+    report = posixError(errno, root, "Unable to open");
+    return false;
+  }
+  if (rootDevice) {
+    struct stat rootStat;
+    if (::fstat(rootFd.get(), &rootStat) != 0 || rootStat.st_dev != *rootDevice) {
+      report = posixError(ENODEV, root, "Unable to create directory: the backup volume is no longer mounted at");
+      return false;
+    }
+  }
+  FileDescriptor dir(openBeneath(rootFd.get(), parent, O_RDONLY | O_DIRECTORY));
+  if (!dir) {
+    report = posixError(errno, join(root, parent), "Unable to open");
+    return false;
+  }
+  if (::mkdirat(dir.get(), leaf.c_str(), like ? 0700 : 0755) != 0) {
+    report = posixError(errno, path, "Unable to create directory");
+    return false;
+  }
+  if (like) {
+    FileDescriptor made(::openat(dir.get(), leaf.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    // Owner before mode: changing the owner clears set-id bits.
+    if (made) {
+      ::fchown(made.get(), like->uid, like->gid);
+      ::fchmod(made.get(), like->mode & 07777);
+    }
+  }
+  return true;
+}
+
+bool FileCopier::removeItemBeneath(const std::string& root, const std::string& relative) {
+  std::string parent, leaf;
+  if (!splitRelative(relative, &parent, &leaf)) return false;
+  FileDescriptor rootFd(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!rootFd) return false;
+  FileDescriptor dir(openBeneath(rootFd.get(), parent, O_RDONLY | O_DIRECTORY));
+  if (!dir) return errno == ENOENT;
+  return FileManager::removeItemAt(dir.get(), leaf);
+}
+
 bool FileCopier::
     copyPath_toPath_setCreationDateFromSourcePath_setModifcationDateFromSourcePath_deleteDestinationFileFirst_deleteDestinationFileIfError_error(
         const std::string& source, const std::string& destination, bool setCreationDate, bool setModificationDate,

@@ -29,6 +29,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/FileAttributes.h"
 #include "platform/FileError.h"
 
 namespace platform {
@@ -62,6 +63,18 @@ class FileCopier {
   static bool copyPath_toPath_setCreationDateFromSourcePath_setModifcationDateFromSourcePath_deleteDestinationFileFirst_deleteDestinationFileIfError_error(
       const std::string& source, const std::string& destination, bool setCreationDate, bool setModificationDate,
       bool deleteFirst, bool deleteIfError, FileError* error);
+
+  // Creates the folder `relative` below the trusted `root`; its parent must
+  // exist, and no symbolic link or mount point below `root` is crossed.
+  // With `like`, the folder takes its owner, group and permission bits;
+  // without, it belongs to the caller with mode 0755.  With `rootDevice`,
+  // `root` must lie on that device.
+  static bool createDirectoryBeneath(const std::string& root, const std::string& relative, const FileAttributes* like,
+                                     FileError* error, std::optional<uint64_t> rootDevice = std::nullopt);
+  // Removes the item `relative` below the trusted `root` (a folder with
+  // everything in it), crossing no link or mount point on the way and
+  // removing links rather than following them.  True when nothing remains.
+  static bool removeItemBeneath(const std::string& root, const std::string& relative);
 
   // The copy's two process-wide flags.  When a probe is pending, the next
   // copy reads the system version once and chooses the legacy copy for

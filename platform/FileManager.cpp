@@ -211,4 +211,10 @@ std::optional<std::string> FileManager::resolvingSymlinksInPath(const std::strin
   return std::string(resolved.get());
 }
 
+bool FileManager::synchronizeFileSystemAtPath(const std::string& path) {
+  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd) fd.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  return fd && ::syncfs(fd.get()) == 0;
+}
+
 }  // namespace platform

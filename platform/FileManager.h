@@ -75,6 +75,8 @@ class FileManager {
 
   // Free bytes for unprivileged writers on the file system holding `path`.
   static std::optional<uint64_t> freeSpaceAtPath(const std::string& path);
+  // Flushes everything written to the file system holding `path` (syncfs).
+  static bool synchronizeFileSystemAtPath(const std::string& path);
   // `path` with every symbolic link resolved; nothing when it cannot be resolved.
   static std::optional<std::string> resolvingSymlinksInPath(const std::string& path);
 };

@@ -70,4 +70,27 @@ std::optional<std::string> UserDatabase::currentUserName() {
   return account->name;
 }
 
+namespace {
+
+class SystemAccountDirectory : public AccountDirectory {
+ public:
+  std::vector<UserAccount> allAccounts() const override { return UserDatabase::allAccounts(); }
+  std::optional<UserAccount> accountNamed(const std::string& name) const override {
+    return UserDatabase::accountNamed(name);
+  }
+};
+
+}  // namespace
+
+const AccountDirectory& AccountDirectory::system() {
+  static const SystemAccountDirectory directory;
+  return directory;
+}
+
+std::optional<UserAccount> FixedAccountDirectory::accountNamed(const std::string& name) const {
+  for (const UserAccount& account : accounts_)
+    if (account.name == name) return account;
+  return std::nullopt;
+}
+
 }  // namespace platform

@@ -30,4 +30,27 @@ class UserDatabase {
   static constexpr const char* kUsersFolder = "/home";
 };
 
+// The accounts a component serves, as a seam: the system's password
+// database, or a fixed list in tests.  Safe from any thread.
+class AccountDirectory {
+ public:
+  virtual ~AccountDirectory() = default;
+  // Every account, in the database's order.
+  virtual std::vector<UserAccount> allAccounts() const = 0;
+  virtual std::optional<UserAccount> accountNamed(const std::string& name) const = 0;
+  // The password database (UserDatabase).
+  static const AccountDirectory& system();
+};
+
+// A fixed list of accounts.
+class FixedAccountDirectory : public AccountDirectory {
+ public:
+  explicit FixedAccountDirectory(std::vector<UserAccount> accounts) : accounts_(std::move(accounts)) {}
+  std::vector<UserAccount> allAccounts() const override { return accounts_; }
+  std::optional<UserAccount> accountNamed(const std::string& name) const override;
+
+ private:
+  std::vector<UserAccount> accounts_;
+};
+
 }  // namespace platform
