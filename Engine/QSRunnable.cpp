@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <thread>
+#include <utility>
 
 using platform::OVThread;
 
@@ -25,6 +26,17 @@ std::shared_ptr<QSRunnable> QSRunnable::currentRunnable() {
   if (!stored) return nullptr;
   if (const auto* runnable = std::any_cast<std::shared_ptr<QSRunnable>>(&*stored)) return *runnable;
   return nullptr;
+}
+
+void QSRunnable::setContext(std::any context) {
+  std::any old;
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  old = std::exchange(context_, std::move(context));
+}
+
+std::any QSRunnable::context() const {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  return context_;
 }
 
 void QSRunnable::setState(uint32_t state) {

@@ -5,9 +5,8 @@
 // While `runWithObject` runs, the runnable is stored in the thread's
 // dictionary under "runnable", so code called from the delegate finds it
 // with `currentRunnable`; only that code may publish the runnable's product.
-// The runnable is its own lock (a recursive monitor) for `state` and
-// `product`; the cancelled and finished flags and the context are plain
-// fields, written before the runnable is handed to another thread.
+// The runnable is its own lock (a recursive monitor) for `state`, `product`
+// and the context; the cancelled and finished flags are atomic.
 #pragma once
 
 #include <any>
@@ -51,8 +50,9 @@ class QSRunnable : public platform::Object {
     context_ = std::move(context);
   }
 
-  void setContext(std::any context) { context_ = std::move(context); }
-  const std::any& context() const { return context_; }
+  // Under the runnable's lock: a context may be replaced while another thread reads it.
+  void setContext(std::any context);
+  std::any context() const;
 
   // runWithObject with nothing.
   void run() { runWithObject(nullptr); }

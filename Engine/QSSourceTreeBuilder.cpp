@@ -1,6 +1,7 @@
 #include "Engine/QSSourceTreeBuilder.h"
 
 #include "Engine/QSCategoryIdentifiers.h"
+#include "platform/Path.h"
 
 QSSourceTreeBuilder::QSSourceTreeBuilder() { reset(); }
 
@@ -11,20 +12,25 @@ void QSSourceTreeBuilder::reset() {
 
 std::shared_ptr<QSFSNode> QSSourceTreeBuilder::nodeAtPath_attributes(const std::string& path,
                                                                      const platform::FileAttributes& attributes) {
+  return sourceNode(nodeStack_, root_, *tally_, path, attributes);
+}
+
+std::shared_ptr<QSFSNode> QSSourceTreeBuilder::sourceNode(const QSFSNodeStack& stack,
+                                                          const std::shared_ptr<QSFSMutableNode>& root,
+                                                          QSMutableTally& tally, const std::string& path,
+                                                          const platform::FileAttributes& attributes) {
   const QSFSFileAttributes record = QSFSFileAttributes::fromFileAttributes(attributes);
-  if (nodeStack_.size() == 0) {
-    root_->setSourceAttributes(record);
-    return root_;
+  if (stack.size() == 0) {
+    root->setSourceAttributes(record);
+    return root;
   }
-  const auto slash = path.find_last_of('/');
-  std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-  auto node = QSFSMutableNode::initWithPath(name);
+  auto node = QSFSMutableNode::initWithPath(platform::lastPathComponent(path));
   node->setSourceAttributes(record);
   if (record.type == kQSFSTypeFile) {
-    const QSCategoryMask mask = nodeStack_.applicableCategoryMask(name);
+    const QSCategoryMask mask = stack.applicableCategoryMask(node->path());
     for (size_t i = 0; i < kAllCategories.size(); ++i)
-      if (mask & (1u << i)) tally_->tallyFileOfSize_forSourceCategory(record.size, kAllCategories[i]);
+      if (mask & (1u << i)) tally.tallyFileOfSize_forSourceCategory(record.size, kAllCategories[i]);
   }
-  QSFSMutableNode::from(nodeStack_.top())->addNode(node);
+  QSFSMutableNode::from(stack.top())->addNode(node);
   return node;
 }

@@ -20,6 +20,13 @@ class QSSourceTreeBuilder : public FSDepthFirstVisitor {
   std::shared_ptr<QSFSNode> nodeAtPath_attributes(const std::string& path,
                                                   const platform::FileAttributes& attributes) override;
 
+  // The node of the item at `path` for a walk whose ancestors of the item
+  // are on `stack` (none: the item is the home folder, whose node is
+  // `root`); files and links are counted in `tally`.
+  static std::shared_ptr<QSFSNode> sourceNode(const QSFSNodeStack& stack, const std::shared_ptr<QSFSMutableNode>& root,
+                                              QSMutableTally& tally, const std::string& path,
+                                              const platform::FileAttributes& attributes);
+
   const std::shared_ptr<QSFSMutableNode>& root() const { return root_; }
   const std::shared_ptr<QSMutableTally>& tally() const { return tally_; }
   // Starts over with an empty tree and tally.

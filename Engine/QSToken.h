@@ -5,11 +5,13 @@
 // tree and tally.
 //
 // Invariant: a token wants a destination tally exactly when both the
-// destination path and the uid are present.  Destination path, uid, tree
-// and tally are read and written under the token's lock; `wantsBackup` and
-// `versionDepth` are plain fields set before the token is handed on.
+// destination path and the uid are present.  Destination path, uid, tree,
+// tally and context are read and written under the token's lock;
+// `wantsBackup` and `versionDepth` are atomic, since a request that
+// piggybacks on a running token changes them while stage threads read them.
 #pragma once
 
+#include <atomic>
 #include <optional>
 #include <string>
 
@@ -38,16 +40,16 @@ class QSToken : public QSRunnable {
   void setTree_tally(std::shared_ptr<QSFSMutableNode> tree, std::shared_ptr<QSMutableTally> tally);
   void getTree_tally(std::shared_ptr<QSFSMutableNode>* tree, std::shared_ptr<QSMutableTally>* tally) const;
 
-  bool wantsBackup() const { return wantsBackup_; }
-  void setWantsBackup(bool wantsBackup) { wantsBackup_ = wantsBackup; }
-  uint32_t versionDepth() const { return versionDepth_; }
-  void setVersionDepth(uint32_t versionDepth) { versionDepth_ = versionDepth; }
+  bool wantsBackup() const { return wantsBackup_.load(); }
+  void setWantsBackup(bool wantsBackup) { wantsBackup_.store(wantsBackup); }
+  uint32_t versionDepth() const { return versionDepth_.load(); }
+  void setVersionDepth(uint32_t versionDepth) { versionDepth_.store(versionDepth); }
 
  private:
   std::optional<std::string> destinationPath_;
   std::optional<std::string> uid_;
   std::shared_ptr<QSFSMutableNode> tree_;
   std::shared_ptr<QSMutableTally> tally_;
-  bool wantsBackup_ = false;
-  uint32_t versionDepth_ = 0;
+  std::atomic<bool> wantsBackup_{false};
+  std::atomic<uint32_t> versionDepth_{0};
 };
