@@ -6,8 +6,8 @@ namespace {
 constexpr std::chrono::milliseconds kReplacedThreadWait{2000};
 }
 
-QSFirstStage::QSFirstStage(const platform::AccountDirectory* accounts)
-    : accounts_(accounts ? *accounts : platform::AccountDirectory::system()) {
+QSFirstStage::QSFirstStage(const platform::AccountDirectory* accounts, bool startThreads)
+    : accounts_(accounts ? *accounts : platform::AccountDirectory::system()), startThreads_(startThreads) {
   for (const auto& account : accounts_.allAccounts()) admit(account);
 }
 
@@ -25,7 +25,7 @@ bool QSFirstStage::admit(const platform::UserAccount& account) {
     replaced = std::move(slot);
     slot = environment;
   }
-  environment->start();
+  if (startThreads_) environment->start();
   // The replaced environment would otherwise keep its thread for ever.
   if (replaced) replaced->stopThread(kReplacedThreadWait);
   return true;

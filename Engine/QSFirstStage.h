@@ -25,7 +25,9 @@ class QSFirstStage : public QSBackupConversionChangedNotificationProtocol {
  public:
   // Reads every account of `accounts` (the system's password database when
   // none is given; it must outlive the stage) and admits the eligible ones.
-  explicit QSFirstStage(const platform::AccountDirectory* accounts = nullptr);
+  // Without `startThreads` the environments are made but their threads are
+  // not started (tests drive their cycles by hand).
+  explicit QSFirstStage(const platform::AccountDirectory* accounts = nullptr, bool startThreads = true);
   ~QSFirstStage() override;
   QSFirstStage(const QSFirstStage&) = delete;
   QSFirstStage& operator=(const QSFirstStage&) = delete;
@@ -55,6 +57,7 @@ class QSFirstStage : public QSBackupConversionChangedNotificationProtocol {
   bool admit(const platform::UserAccount& account);
 
   const platform::AccountDirectory& accounts_;
+  const bool startThreads_;
   std::map<std::string, std::shared_ptr<QSUserEnvironment>> queueByName_;
   mutable std::recursive_mutex lock_;
 };

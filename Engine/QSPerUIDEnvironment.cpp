@@ -291,7 +291,7 @@ void QSPerUIDEnvironment::consumeNotification(const platform::Notification& noti
     setScheduled(entry->isScheduled());
   } else if (name == QSMountPointChangedNotification) {
     if (entry->mountPoint().empty()) return;
-    const std::string folder = entry->backupDirectoryPath();
+    const std::string folder = platform::appendingPathComponent(entry->mountPoint(), kBackupDestinationDirectoryName);
     bool isDirectory = false;
     if (platform::FileManager::fileExistsAtPath_isDirectory_traverseLink(folder, &isDirectory, false) && isDirectory)
       setDestinationDirectory(platform::appendingPathComponent(folder, uid_));

@@ -88,6 +88,8 @@ class QSPerUIDEnvironment : public platform::Object,
   // environment as its object; then empties the queue.
   void dischargePipe();
   std::shared_ptr<QSToken> currentToken() const;
+  // The environment's lock (taken after the user environment's, never before).
+  std::recursive_mutex& monitor() const { return lock_; }
   bool isPipeCancelled() const { return isPipeCancelled_.load(); }
 
   int32_t stage() const;

@@ -1,7 +1,7 @@
 #include "Engine/QSSecondStage.h"
 
-QSSecondStage::QSSecondStage(const QSPipelineHost* host, platform::NotificationCenter* center)
-    : host_(host), center_(center) {}
+QSSecondStage::QSSecondStage(const QSPipelineHost* host, platform::NotificationCenter* center, bool startThreads)
+    : host_(host), center_(center), startThreads_(startThreads) {}
 
 QSSecondStage::~QSSecondStage() = default;
 
@@ -11,7 +11,7 @@ void QSSecondStage::createEnvironmentForUID_withUserEnvironment(
   if (!userEnvironment || queueByUID_.threadSafeObjectForKey(uid)) return;
   auto environment = QSPerUIDEnvironment::initWithUserEnvironment_uid(userEnvironment, uid, host_, center_);
   queueByUID_.threadSafeSetObject_forKey(environment, uid);
-  environment->start();
+  if (startThreads_) environment->start();
 }
 
 std::shared_ptr<QSPerUIDEnvironment> QSSecondStage::environmentForUID(const std::string& uid) const {

@@ -23,7 +23,9 @@ class QSSecondStage : public QSBackupConversionChangedNotificationProtocol {
  public:
   // `host` answers the engine-wide switches; `center` carries the
   // backup-entry notifications (the default centre when none is given).
-  explicit QSSecondStage(const QSPipelineHost* host = nullptr, platform::NotificationCenter* center = nullptr);
+  // Without `startThreads` environments are made but not started (tests run their jobs by hand).
+  explicit QSSecondStage(const QSPipelineHost* host = nullptr, platform::NotificationCenter* center = nullptr,
+                         bool startThreads = true);
   ~QSSecondStage() override;
   QSSecondStage(const QSSecondStage&) = delete;
   QSSecondStage& operator=(const QSSecondStage&) = delete;
@@ -47,6 +49,7 @@ class QSSecondStage : public QSBackupConversionChangedNotificationProtocol {
 
   const QSPipelineHost* host_;
   platform::NotificationCenter* center_;
+  const bool startThreads_;
   platform::ThreadSafeDictionary<std::string, std::shared_ptr<QSPerUIDEnvironment>> queueByUID_;
   // Environments terminated but perhaps still finishing a job.
   std::vector<std::shared_ptr<QSPerUIDEnvironment>> terminated_;

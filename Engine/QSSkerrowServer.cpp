@@ -5,6 +5,7 @@
 #include "Engine/QSBlackList.h"
 #include "Engine/QSFSNodeStack.h"
 #include "Engine/QSVolumeFunctions.h"
+#include "platform/Exception.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
 #include "platform/Process.h"
@@ -59,7 +60,18 @@ void QSSkerrowServer::initialize() { QSBlackList::initialize(); }
 QSSkerrowServer::~QSSkerrowServer() {
   for (auto id : workspaceObservers_) workspace_->removeObserver(id);
   if (runLoop_ && timer_ && runLoop_->isLoopThread()) runLoop_->removeSource(timer_);
+  // Stage threads call back into the server: they end before it goes.
+  stopPipeline(std::chrono::seconds(30));
 }
+
+bool QSSkerrowServer::stopPipeline(std::chrono::milliseconds timeout) {
+  bool ended = true;
+  if (firstStage_) ended = firstStage_->stopAll(timeout) && ended;
+  if (secondStage_) ended = secondStage_->stopAll(timeout) && ended;
+  return ended;
+}
+
+platform::Date QSSkerrowServer::now() const { return clock_ ? clock_() : platform::Date::now(); }
 
 void QSSkerrowServer::init(const QSServerEnvironment& environment) {
   followSchedule_ = true;
@@ -95,8 +107,18 @@ void QSSkerrowServer::init(const QSServerEnvironment& environment) {
   if (!platform::FileManager::fileExistsAtPath_traverseLink(dbDir_, false))
     platform::FileManager::insureDirectoryAtPath(dbDir_);
 
-  platform::Log::line("Start-up goes on without the backup database, which this build does not have yet");
-  platform::Log::line("Start-up goes on without the pipeline stages, which this build does not have yet");
+  converterFactory_ = environment.converterFactory;
+  clock_ = environment.clock;
+  loadBackupDatabase();
+  firstStage_ = std::make_unique<QSFirstStage>(environment.accounts, environment.startPipelineThreads);
+  for (const auto& [userName, expression] : exclusionFilterMap_) {
+    try {
+      installExclusionFilter(userName, expression);
+    } catch (const platform::Exception& e) {
+      platform::Log::format("%s", e.description().c_str());
+    }
+  }
+  secondStage_ = std::make_unique<QSSecondStage>(this, nullptr, environment.startPipelineThreads);
 
   workspace_ = environment.workspace;
   if (workspace_) {
@@ -115,11 +137,6 @@ void QSSkerrowServer::init(const QSServerEnvironment& environment) {
 
 void QSSkerrowServer::exit() { platform::Process::terminateImmediately(0); }
 
-void QSSkerrowServer::callbackForJobSchedulingTimer() {
-  // Due backups are planned from the database, which comes with the pipeline.
-  timerTicks_.fetch_add(1);
-}
-
 platform::Dictionary QSSkerrowServer::registrationDictionaryForGrowl() const {
   const platform::Array all = {platform::Value("Awake"), platform::Value("Disk mounted"),
                                platform::Value("Disk ejected"), platform::Value("Finished backup")};
@@ -137,14 +154,4 @@ void QSSkerrowServer::observeWorkspaceNotification(const platform::Notification&
   } else if (notification.name == platform::NSWorkspaceDidUnmountNotification) {
     if (!path.empty()) diskDidDisapperAtMountPoint(path);
   }
-}
-
-void QSSkerrowServer::diskDidAppearWithBSDName_mountPath_onVolume(const std::string& bsdName,
-                                                                  const std::string& mountPath,
-                                                                  const std::string& volumeName) {
-  platform::Log::format("Disk %s appeared at %s (%s)", bsdName.c_str(), mountPath.c_str(), volumeName.c_str());
-}
-
-void QSSkerrowServer::diskDidDisapperAtMountPoint(const std::string& mountPath) {
-  platform::Log::format("Disk at %s disappeared", mountPath.c_str());
 }

@@ -31,7 +31,9 @@ void QSSkerrowServerAdaptor::backupServiceForClient(sdbus::Result<sdbus::ObjectP
   result.returnError(sdbus::Error(kNotSupported, "Backup services are not available in this build of the engine"));
 }
 
-bool QSSkerrowServerAdaptor::remountDriveWithBSDName(const std::string&) { notSupported("Remounting a backup disk"); }
+bool QSSkerrowServerAdaptor::remountDriveWithBSDName(const std::string& bsdName) {
+  return server_->remountDriveWithBSDName(bsdName);
+}
 
 std::map<std::string, sdbus::Variant> QSSkerrowServerAdaptor::jobs() { return wire::toWireDictionary(server_->jobs()); }
 

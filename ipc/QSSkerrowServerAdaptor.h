@@ -1,7 +1,7 @@
 // The engine server on the bus: com.qsc.skerrow.QSSkerrowServerProtocol at
 // /com/qsc/skerrow.  Each method hands over to the server; the methods whose
-// engine side this build does not have (the database, the backup services,
-// disk remounting, legacy conversions) answer
+// wire side this build does not have yet (the database's records, the
+// backup services, legacy conversions) answer
 // org.freedesktop.DBus.Error.NotSupported.
 #pragma once
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -215,6 +216,10 @@ bool FileManager::synchronizeFileSystemAtPath(const std::string& path) {
   FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!fd) fd.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   return fd && ::syncfs(fd.get()) == 0;
+}
+
+bool FileManager::moveItemAtPath_toPath(const std::string& from, const std::string& to) {
+  return ::rename(from.c_str(), to.c_str()) == 0;
 }
 
 }  // namespace platform

@@ -50,6 +50,8 @@ class FileManager {
 
   // Removes the item, a folder with everything in it; links are removed,
   // never followed.  True when nothing remains at the path.
+  // Renames `from` to `to` on the same file system (rename(2)); an existing `to` is replaced.
+  static bool moveItemAtPath_toPath(const std::string& from, const std::string& to);
   static bool removeItemAtPath(const std::string& path, FileError* error = nullptr);
   // Removes `name` relative to the folder `dirfd` in the same way.
   static bool removeItemAt(int dirfd, const std::string& name);

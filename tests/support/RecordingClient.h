@@ -1,0 +1,123 @@
+// An in-process backup client that records every callback, in order, with
+// the counts of the tally it was given at that moment.  Safe from any
+// thread.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Engine/QSBackupClientProtocol.h"
+#include "Engine/QSBackupError.h"
+#include "Engine/QSTally.h"
+#include "platform/Exception.h"
+
+namespace skerrow_test {
+
+class RecordingClient : public QSBackupClientProtocol {
+ public:
+  struct Call {
+    std::string name;
+    std::string uid;
+    // Files of each view of the tally, summed over the categories, when the call carried one.
+    int64_t sourceFiles = 0, destinationFiles = 0, transferredFiles = 0, expectedFiles = 0;
+  };
+
+  RecordingClient(std::string user, std::string home, uint64_t errorLimit = 100)
+      : user_(std::move(user)), home_(std::move(home)), errorLimit_(errorLimit) {}
+
+  // From now on every question about the user raises the platform's exception (a client gone away).
+  void goAway() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    gone_ = true;
+  }
+
+  std::vector<Call> calls() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return calls_;
+  }
+  std::vector<std::string> names() const {
+    std::vector<std::string> out;
+    for (const auto& call : calls()) out.push_back(call.name);
+    return out;
+  }
+  size_t count(const std::string& name) const {
+    size_t n = 0;
+    for (const auto& call : calls()) n += call.name == name;
+    return n;
+  }
+  std::vector<QSBackupError> errors() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return errors_;
+  }
+
+  void startedSourceTally(const Tally& t) override { record("startedSourceTally", "", t); }
+  void computingSourceTally(const Tally& t) override { record("computingSourceTally", "", t); }
+  void finishedSourceTally(const Tally& t) override { record("finishedSourceTally", "", t); }
+  void startedDestinationTally_withUID(const Tally& t, const std::string& uid) override {
+    record("startedDestinationTally", uid, t);
+  }
+  void computingDestinationTally_withUID(const Tally& t, const std::string& uid) override {
+    record("computingDestinationTally", uid, t);
+  }
+  void finishedDestinationTally_withUID(const Tally& t, const std::string& uid) override {
+    record("finishedDestinationTally", uid, t);
+  }
+  void startedTransferTally_withUID(const Tally& t, const std::string& uid) override {
+    record("startedTransferTally", uid, t);
+  }
+  void computingTransferTally_withUID(const Tally& t, const std::string& uid) override {
+    record("computingTransferTally", uid, t);
+  }
+  void finishedTransferTally_withUID(const Tally& t, const std::string& uid) override {
+    record("finishedTransferTally", uid, t);
+  }
+  void startedRealtimeTransferOfFile_to(const std::string&, const std::string&) override {
+    record("startedRealtimeTransfer", "", nullptr);
+  }
+  void finishedRealtimeTransferOfFile_to_withResult(const std::string&, const std::string&, bool) override {
+    record("finishedRealtimeTransfer", "", nullptr);
+  }
+  void error(const QSBackupError& e) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    errors_.push_back(e);
+    calls_.push_back({"error", e.uid().value_or("")});
+  }
+  void stoppedDueToErrorsForBackup(const std::string& uid) override { record("stoppedDueToErrors", uid, nullptr); }
+  void conversionChangedState_forMountPath(const std::string& state, const std::string& path) override {
+    record("conversion " + state + " " + path, "", nullptr);
+  }
+  uint64_t maximumContiguousErrorsClientWants() override { return errorLimit_; }
+  std::string userHome() override { return ask(home_); }
+  std::string shortUserName() override { return ask(user_); }
+  std::string longUserName() override { return ask(user_); }
+
+ private:
+  void record(const char* name, const std::string& uid, const Tally& tally) {
+    Call call{name, uid};
+    if (tally) {
+      int64_t bytes = 0;
+      tally->getTotalSourceFileCount_byteCount(&call.sourceFiles, &bytes);
+      tally->getTotalDestinationFileCount_byteCount(&call.destinationFiles, &bytes);
+      tally->getTotalTransferredFileCount_byteCount(&call.transferredFiles, &bytes);
+      tally->getTotalExpectedFileCount_byteCount(&call.expectedFiles, &bytes);
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    calls_.push_back(std::move(call));
+  }
+  std::string ask(const std::string& answer) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (gone_) platform::Exception::raise("NSPortTimeoutException", "%s", "connection went invalid while waiting for a reply");
+    return answer;
+  }
+
+  const std::string user_, home_;
+  const uint64_t errorLimit_;
+  mutable std::mutex mutex_;
+  bool gone_ = false;
+  std::vector<Call> calls_;
+  std::vector<QSBackupError> errors_;
+};
+
+}  // namespace skerrow_test
