@@ -48,15 +48,12 @@ void QSTransferInstrument::finishTraversalOfRoot(const std::shared_ptr<QSFSNode>
 }
 
 bool QSTransferInstrument::startVisit(const std::shared_ptr<QSFSNode>& node) {
-  const bool isRoot = node.get() == root_;
-  const QSFSFileAttributes source = node->sourceAttributes();
-  // An item's categories follow from its ancestors, so they are asked before it is pushed.
-  QSCategoryMask categories = 0;
-  if (!isRoot)
-    categories = nodeStack_.applicableCategoryMask(source.type == kQSFSTypeFile ? std::optional<std::string>(node->fileName())
-                                                                               : std::nullopt);
   const bool answer = QSFSBasicNodeVisitor::startVisit(node);
-  if (isRoot) return answer;
+  if (node.get() == root_) return answer;
+  const QSFSFileAttributes source = node->sourceAttributes();
+  // The node is on the stack now: its own folder name counts for its categories.
+  const QSCategoryMask categories = nodeStack_.applicableCategoryMask(
+      source.type == kQSFSTypeFile ? std::optional<std::string>(node->fileName()) : std::nullopt);
   if (!(categories & categoryFilter_)) return false;
   if (isCancelled_ && isCancelled_->load()) return false;
   if (source.type == kQSFSTypeFolder) {

@@ -10,6 +10,7 @@
 
 #include "Engine/QSBackupClientProtocol.h"
 #include "Engine/QSBackupError.h"
+#include "Engine/QSCategoryIdentifiers.h"
 #include "Engine/QSTally.h"
 #include "platform/Exception.h"
 
@@ -94,14 +95,21 @@ class RecordingClient : public QSBackupClientProtocol {
   std::string longUserName() override { return ask(user_); }
 
  private:
-  void record(const char* name, const std::string& uid, const Tally& tally) {
+  void record(const std::string& name, const std::string& uid, const Tally& tally) {
     Call call{name, uid};
     if (tally) {
-      int64_t bytes = 0;
-      tally->getTotalSourceFileCount_byteCount(&call.sourceFiles, &bytes);
-      tally->getTotalDestinationFileCount_byteCount(&call.destinationFiles, &bytes);
-      tally->getTotalTransferredFileCount_byteCount(&call.transferredFiles, &bytes);
-      tally->getTotalExpectedFileCount_byteCount(&call.expectedFiles, &bytes);
+      // Summed over every category (the tally's own totals follow the destination's categories only).
+      for (const char* category : kAllCategories) {
+        int64_t files = 0, bytes = 0;
+        tally->getSourceFileCount_byteCount_forCategory(&files, &bytes, category);
+        call.sourceFiles += files;
+        tally->getDestinationFileCount_byteCount_forCategory(&files, &bytes, category);
+        call.destinationFiles += files;
+        tally->getTransferredFileCount_byteCount_forCategory(&files, &bytes, category);
+        call.transferredFiles += files;
+        tally->getExpectedFileCount_byteCount_forCategory(&files, &bytes, category);
+        call.expectedFiles += files;
+      }
     }
     std::lock_guard<std::mutex> lock(mutex_);
     calls_.push_back(std::move(call));
