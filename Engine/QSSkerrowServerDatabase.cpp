@@ -169,6 +169,7 @@ void QSSkerrowServer::scanVolumeWithBSDName_mountPath_onVolume(const std::string
 void QSSkerrowServer::diskDidAppearWithBSDName_mountPath_onVolume(const std::string& bsdName,
                                                                   const std::string& mountPath,
                                                                   const std::string& volumeName) {
+  platform::Log::format("Disk %s appeared at %s (%s)", bsdName.c_str(), mountPath.c_str(), volumeName.c_str());
   scanVolumeWithBSDName_mountPath_onVolume(bsdName, mountPath, volumeName);
   if (!converterFactory_) return;
   auto converter = converterFactory_(mountPath, this);
@@ -178,6 +179,7 @@ void QSSkerrowServer::diskDidAppearWithBSDName_mountPath_onVolume(const std::str
 }
 
 void QSSkerrowServer::diskDidDisapperAtMountPoint(const std::string& mountPath) {
+  platform::Log::format("Disk at %s disappeared", mountPath.c_str());
   for (const auto& [uid, entry] : backupEntryMap_.snapshot()) {
     if (!likeMatch(entry->mountPoint(), mountPath)) continue;
     if (entry->isPersistent()) {
