@@ -74,7 +74,10 @@ void QSPerUIDEnvironment::stopObservingClient() {
 }
 
 void QSPerUIDEnvironment::start() {
-  thread_ = platform::OVThread::detachNewThread([self = self<QSPerUIDEnvironment>()] { self->run(); }, "uid " + uid_);
+  auto thread = platform::OVThread::detachNewThread([self = self<QSPerUIDEnvironment>()] { self->run(); }, "uid " + uid_);
+  // The new thread records itself under the lock too, perhaps at this very moment.
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  thread_ = std::move(thread);
 }
 
 bool QSPerUIDEnvironment::stopThread(std::chrono::milliseconds timeout) {
