@@ -261,23 +261,25 @@ TEST_F(QSPerUIDEnvironmentTest, ACancelledBackupJobDoesNotRunTheTokenAgain) {
 }
 
 TEST_F(QSPerUIDEnvironmentTest, AClientThatAttachesDuringACountGetsTheRunningCountAtOnce) {
-  dir.write("ann/Documents/a.txt", "a");
+  const auto tally = QSMutableTally::init();
+  environment->setTally(tally);
   auto duringDestination = std::make_shared<CallLogClient>();
   auto duringTransfer = std::make_shared<CallLogClient>();
-  client->onCall = [&](const std::string& name) {
-    // Both calls are made while the stage is still 1 or 3.
-    if (name == "finishedDestinationTally") user->setClient(duringDestination);
-  };
-  duringDestination->onCall = [&](const std::string& name) {
-    if (name == "finishedTransferTally") user->setClient(duringTransfer);
-  };
-  runOneJob(token(true));
-  EXPECT_EQ(duringDestination->lines(),
-            (std::vector<std::string>{"maximumContiguousErrors", "computingDestinationTally U", "startedTransferTally U",
-                                      "finishedTransferTally U"}));
-  EXPECT_EQ(duringTransfer->lines(), (std::vector<std::string>{"maximumContiguousErrors", "computingTransferTally U"}));
-  // Outside those stages a new client gets nothing.
   auto idle = std::make_shared<CallLogClient>();
-  user->setClient(idle);
-  EXPECT_EQ(idle->lines(), (std::vector<std::string>{"maximumContiguousErrors"}));
+
+  environment->setStage(QSPerUIDEnvironment::kStageDestinationTally);
+  user->setClient(duringDestination);
+  environment->setStage(QSPerUIDEnvironment::kStageTransfer);
+  user->setClient(duringTransfer);
+  // In the other stages a new client gets nothing.
+  for (int32_t stage : {0, 2, 4, 5}) {
+    environment->setStage(stage);
+    user->setClient(idle);
+  }
+
+  EXPECT_EQ(duringDestination->lines(), (std::vector<std::string>{"maximumContiguousErrors", "computingDestinationTally U"}));
+  EXPECT_EQ(duringDestination->lastTally("computingDestinationTally"), tally);
+  EXPECT_EQ(duringTransfer->lines(), (std::vector<std::string>{"maximumContiguousErrors", "computingTransferTally U"}));
+  EXPECT_EQ(duringTransfer->lastTally("computingTransferTally"), tally);
+  EXPECT_EQ(idle->lines(), std::vector<std::string>(4, "maximumContiguousErrors"));
 }
