@@ -169,6 +169,7 @@ class QSSkerrowServer : public platform::Object, public QSPipelineHost, public Q
   bool installExclusionFilter(const std::string& userName, const std::optional<std::string>& expression);
   std::optional<std::string> shortUserNameOf(const Client& client) const;
   void keepUnreadableDatabaseAside();
+  void removeStaleDatabaseTemporaries();
   platform::Date now() const;
 
   std::string dbDir_;

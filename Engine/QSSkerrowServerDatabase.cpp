@@ -64,7 +64,23 @@ void QSSkerrowServer::removeBackupEntryForUID(const std::string& uid) { backupEn
 
 std::string QSSkerrowServer::backupDatabasePath() const { return dbDir_ + kBackupDatabaseFile; }
 
+void QSSkerrowServer::removeStaleDatabaseTemporaries() {
+  // A save killed before its rename leaves its temporary file (".backupdb.plist.XXXXXX") behind.
+  const std::string prefix = std::string(".") + kBackupDatabaseFile + ".";
+  auto folder = platform::Directory::open(dbDir_);
+  if (!folder) return;
+  std::string name;
+  std::vector<std::string> stale;
+  while (folder->readEntry(&name)) {
+    platform::FileAttributes attributes;
+    if (name.rfind(prefix, 0) == 0 && folder->attributesOf(name, &attributes) && attributes.isRegularFile())
+      stale.push_back(name);
+  }
+  for (const std::string& file : stale) platform::FileManager::removeItemAt(folder->fd(), file);
+}
+
 void QSSkerrowServer::loadBackupDatabase() {
+  removeStaleDatabaseTemporaries();
   const std::string path = backupDatabasePath();
   databaseUnreadable_ = false;
   const auto root = platform::PropertyList::readFile(path);
