@@ -138,9 +138,10 @@ bool QSTransferInstrument::copyNode_inCategory_fileSize_sizeOfLatestVersion(cons
     return true;
   }
   copyError_ = error;
-  const uint64_t freeSpace =
-      platform::FileManager::freeSpaceAtPath(platform::deletingLastPathComponent(destinationPath)).value_or(0);
-  const int64_t code = freeSpace < static_cast<uint64_t>(node->sourceAttributes().size) ? -1429 : -1;
+  // Free space is read at the backup folder itself: the file's own folder may be missing.
+  const auto freeSpace = platform::FileManager::freeSpaceAtPath(destinationPath_);
+  const int64_t code =
+      freeSpace && *freeSpace < static_cast<uint64_t>(node->sourceAttributes().size) ? -1429 : -1;
   auto record = QSBackupError::initWithUID_sourcePath_destinationPath_message_code(
       std::nullopt, sourcePath, destinationPath, copyError_.localizedFailureReason(), code);
   record->setSourceBytes(fileSize);

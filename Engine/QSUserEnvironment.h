@@ -82,7 +82,9 @@ class QSUserEnvironment : public platform::Object,
 
   // One walk of the home folder into the cycle's tree and tally.
   void runSourceTally();
-  // While a token is being run: a copy of the cycle's tree and tally; else nothing.
+  // While a token other than the cycle's last is being run: a copy of the
+  // cycle's tree and tally; else nothing (the last token takes the tree
+  // itself, which the second stage then changes).
   void getDeepCopyOfSourceTree_copyOfSourceTally(std::shared_ptr<QSFSMutableNode>* tree,
                                                  std::shared_ptr<QSMutableTally>* tally);
 

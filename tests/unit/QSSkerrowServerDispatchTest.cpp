@@ -243,3 +243,26 @@ TEST(QSSkerrowServerDispatchTest, BackupServiceForClientAdmitsTheUserAndAttaches
   auto system = std::make_shared<RecordingClient>("daemon", "/");
   EXPECT_FALSE(m.server->backupServiceForClient(system));
 }
+
+TEST(QSSkerrowServerDispatchTest, ChangesOfTheEntryReachItsDestinationEnvironmentAndOnlyItsOwn) {
+  Managed m;
+  auto other = m.adoptBackup(m.mount, "UID-B", "ann");
+  m.server->diskDidAppearWithBSDName_mountPath_onVolume("sdb1", m.mount, "Backup");
+  m.entry->setVersionDepth(7);
+  m.entry->setScheduled(false);
+  m.entry->categoryWithIdentifier(kMusicCategoryIdentifier)->setScheduled(true);
+  EXPECT_EQ(m.destination()->versionDepth(), 7u);
+  EXPECT_FALSE(m.destination()->isScheduled());
+  EXPECT_EQ(*m.destination()->categoryFilter(), (std::set<std::string>{"Documents", "Music"}));
+  const auto b = m.server->secondStage()->environmentForUID("UID-B");
+  ASSERT_NE(b, nullptr);
+  EXPECT_EQ(b->versionDepth(), 0u);
+  EXPECT_TRUE(b->isScheduled());
+  // A new mount point is taken only where the storage folder exists.
+  const std::string elsewhere = m.disk("Elsewhere");
+  m.entry->setMountPoint(elsewhere);
+  EXPECT_EQ(*m.destination()->destinationPath(), m.storage(m.mount) + "/UID-A");
+  std::filesystem::create_directories(m.storage(elsewhere));
+  m.entry->setMountPoint(elsewhere);
+  EXPECT_EQ(*m.destination()->destinationPath(), m.storage(elsewhere) + "/UID-A");
+}
