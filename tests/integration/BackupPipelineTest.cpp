@@ -18,107 +18,44 @@
 #include "Engine/QSCategoryIdentifiers.h"
 #include "Engine/QSVersionName.h"
 #include "platform/PropertyList.h"
-#include "tests/support/EngineFixture.h"
-#include "tests/support/FileSystemImage.h"
+#include "tests/support/BackupScenario.h"
 
 using namespace std::chrono_literals;
-using skerrow_test::EngineFixture;
-using skerrow_test::FileSystemImage;
 
 namespace fs = std::filesystem;
 
+using skerrow_test::BackupScenario;
+using skerrow_test::StoredFile;
+
 namespace {
 
-constexpr const char* kBackupUID = "5E4B0C1A-0000-4000-8000-00000000A11E";
-const char* const kSaved = "Server did save to permanent store: 1";
-
-struct StoredFile {
-  ino_t inode;
-  off_t size;
-};
-
-// Every regular file below `folder`, by path relative to it.
-std::map<std::string, StoredFile> filesBelow(const std::string& folder) {
-  std::map<std::string, StoredFile> files;
-  for (auto it = fs::recursive_directory_iterator(folder); it != fs::recursive_directory_iterator(); ++it) {
-    std::error_code error;
-    if (it->is_symlink(error) || !it->is_regular_file(error)) continue;
-    struct stat st {};
-    if (::lstat(it->path().c_str(), &st) != 0) continue;
-    files[fs::relative(it->path(), folder).string()] = {st.st_ino, st.st_size};
-  }
-  return files;
-}
-
-// The stored name of a home file: its versioned name at `index` in the same folder.
-std::string versioned(const std::string& relative, uint64_t index) {
-  const fs::path p(relative);
-  const std::string name = QSVersionName(p.filename().string(), index);
-  return p.has_parent_path() ? (p.parent_path() / name).string() : name;
-}
-
-bool admitted(const std::string& relative) {
-  const fs::path p(relative);
-  for (auto part = p.begin(); part != p.end(); ++part)
-    if (QSBlackList::isFilenameBlacklisted(part->string())) return false;
-  fs::path prefix;
-  for (const auto& part : p) {
-    prefix /= part;
-    if (QSBlackList::isPathSuffixBlacklisted("/" + prefix.string())) return false;
-  }
-  return true;
-}
+std::map<std::string, StoredFile> filesBelow(const std::string& folder) { return skerrow_test::regularFilesBelow(folder); }
+std::string versioned(const std::string& relative, uint64_t index) { return skerrow_test::versionedPath(relative, index); }
+bool admitted(const std::string& relative) { return skerrow_test::admittedByBlackList(relative); }
 
 }  // namespace
 
 TEST(BackupPipelineTest, ScheduledBackupStoresVersionedCopiesSkipsUnchangedFilesAndKeepsTheVersionDepth) {
-  if (auto reason = EngineFixture::unavailableReason()) GTEST_SKIP() << *reason;
-  if (auto reason = FileSystemImage::unavailableReason(FileSystemImage::Kind::Ext4)) GTEST_SKIP() << *reason;
-  QSBlackList::initialize();
-
-  EngineFixture f;
-  const auto& ann = f.users().addUser("ann", 1500, 1500, "Ann Example");
-  fs::remove(ann.home);
-  auto made = skerrow_test::runCommand({SKERROW_MAKE_HOME, "-q", "-n", "400", "-b", "6M", "-s", "7", ann.home});
-  ASSERT_EQ(made.exitCode, 0) << made.output;
-  ASSERT_EQ(skerrow_test::runCommand({"chown", "-R", "-h", "1500:1500", ann.home}).exitCode, 0);
-
-  FileSystemImage disk(FileSystemImage::Kind::Ext4, 96 << 20, skerrow_test::FileSystemImageOptions{.label = "Backup"});
-  auto entry = QSBackupEntry::initWithUID(kBackupUID);
-  entry->setShortUserName("ann");
-  entry->setLongUserName("Ann Example");
-  entry->setUserHome(ann.home);
-  for (const char* category : kAllCategories) entry->categoryWithIdentifier(category)->setScheduled(true);
-  entry->setVersionDepth(2);
-  entry->setPeriod(3600);
-  const std::string backup = disk.mountPoint() + "/" + kBackupDestinationDirectoryName + "/" + kBackupUID;
-  fs::create_directories(backup);
-  ASSERT_TRUE(platform::PropertyList::writeFile(backup + "/" + kMetadataFileName,
-                                                platform::Value(entry->metadataForBackupDir())));
-  entry->setPersistent(true);
-  entry->setScheduled(true);
-  const std::string store = f.storeRoot() + "/Library/Application Support/Vornhalden/";
-  fs::create_directories(store);
-  platform::Dictionary db;
-  platform::Array archives;
-  archives.push_back(platform::Value(entry->archive()));
-  db.set("managed-backups", platform::Value(std::move(archives)));
-  db.set("managed-users", platform::Value(platform::Dictionary()));
-  ASSERT_TRUE(platform::PropertyList::writeFile(store + kBackupDatabaseFile, platform::Value(db)));
-
+  if (auto reason = BackupScenario::unavailableReason()) GTEST_SKIP() << *reason;
+  BackupScenario scenario({"-n", "400", "-b", "6M", "-s", "7"}, 96 << 20, 2);
+  const std::string& backup = scenario.backup;
+  const std::string& store = scenario.store;
+  const std::string& home = scenario.home;
+  const char* const kSaved = BackupScenario::kSaved;
+  const std::string kBackupUID = BackupScenario::kUID;
   const auto started = std::chrono::system_clock::now();
-  auto& engine = f.startEngine({"-noSchedule", "-noRealtime"});
+  auto& engine = scenario.start();
   // First pass: within one tick (10 s) plus the copy.
   ASSERT_TRUE(engine.waitForLogLine(kSaved, 40s)) << engine.logText();
-  EXPECT_TRUE(engine.waitForLogLine(std::string("created second stage environment for ") + kBackupUID + "(ann)", 1s));
+  EXPECT_TRUE(engine.waitForLogLine("created second stage environment for " + kBackupUID + "(ann)", 1s));
 
   // Every admitted regular file of the home stands as name@0 with the source's size, mode, owner and times.
   size_t checked = 0;
-  for (const auto& [relative, source] : filesBelow(ann.home)) {
+  for (const auto& [relative, source] : filesBelow(home)) {
     if (!admitted(relative)) continue;
     const std::string copy = backup + "/" + versioned(relative, 0);
     struct stat s {}, c {};
-    ASSERT_EQ(::lstat((ann.home + "/" + relative).c_str(), &s), 0);
+    ASSERT_EQ(::lstat((home + "/" + relative).c_str(), &s), 0);
     ASSERT_EQ(::lstat(copy.c_str(), &c), 0) << "missing copy of " << relative;
     EXPECT_EQ(c.st_size, s.st_size) << relative;
     EXPECT_EQ(c.st_mode, s.st_mode) << relative;
@@ -144,13 +81,13 @@ TEST(BackupPipelineTest, ScheduledBackupStoresVersionedCopiesSkipsUnchangedFiles
 
   // Four changes of one file: @1 after the first, and with depth 2 only @2, @3, @4 at the end.
   std::string changed;
-  for (const auto& [relative, source] : filesBelow(ann.home))
+  for (const auto& [relative, source] : filesBelow(home))
     if (admitted(relative) && relative.rfind("Documents/", 0) == 0) changed = relative;
   ASSERT_FALSE(changed.empty());
   size_t saves = engine.countLogLines(kSaved);
   for (int change = 1; change <= 4; ++change) {
     // Wait for a pass to end before changing, so that each change lands in a pass of its own.
-    std::ofstream(ann.home + "/" + changed, std::ios::app) << "change " << change << "\n";
+    std::ofstream(home + "/" + changed, std::ios::app) << "change " << change << "\n";
     ASSERT_TRUE(waitForSaves(saves + 2)) << engine.logText();
     saves = engine.countLogLines(kSaved);
     if (change == 1) {
@@ -162,7 +99,7 @@ TEST(BackupPipelineTest, ScheduledBackupStoresVersionedCopiesSkipsUnchangedFiles
   }
   for (uint64_t gone : {0, 1}) EXPECT_FALSE(fs::exists(backup + "/" + versioned(changed, gone))) << gone;
   for (uint64_t kept : {2, 3, 4}) EXPECT_TRUE(fs::exists(backup + "/" + versioned(changed, kept))) << kept;
-  EXPECT_EQ(fs::file_size(backup + "/" + versioned(changed, 4)), fs::file_size(ann.home + "/" + changed));
+  EXPECT_EQ(fs::file_size(backup + "/" + versioned(changed, 4)), fs::file_size(home + "/" + changed));
 
   // The completion date is in the database.
   engine.stop(10s);
