@@ -27,7 +27,8 @@ platform::Dictionary readDatabase(const ServerFixture& f) {
 }
 
 size_t savedBackups(const ServerFixture& f) {
-  const platform::Value* backups = readDatabase(f).find("managed-backups");
+  const platform::Dictionary db = readDatabase(f);
+  const platform::Value* backups = db.find("managed-backups");
   return backups && backups->asArray() ? backups->asArray()->size() : SIZE_MAX;
 }
 
