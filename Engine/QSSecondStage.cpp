@@ -24,7 +24,9 @@ std::shared_ptr<QSUserEnvironment> QSSecondStage::userEnvironmentForUID(const st
 }
 
 bool QSSecondStage::enqueue_forUID(const std::shared_ptr<QSToken>& token, const std::string& uid) {
-  std::lock_guard<std::recursive_mutex> lock(lock_);
+  // Not under the stage's lock: tokens arrive from first-stage threads that
+  // hold their user environment's lock, while creating an environment takes
+  // the stage's lock and then that same user environment's.
   const auto environment = environmentForUID(uid);
   return environment && environment->enqueue(token);
 }

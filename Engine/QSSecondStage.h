@@ -2,7 +2,9 @@
 // managed backup, keyed by the backup's uid.  Creating an environment
 // starts its thread; terminating one cancels it (the thread ends at its
 // next look at its cancel flag) and forgets it.  The stage's lock guards
-// changes of the directory; lookups take only the directory's own lock.
+// changes of the directory; lookups and enqueueing take only the
+// directory's own lock.  Lock order: the stage's lock, then a user
+// environment's, then a per-destination environment's.
 #pragma once
 
 #include <chrono>
