@@ -2,15 +2,16 @@
 # Side-by-side timing of a backup by skerrowd against cp and rsync, on the
 # same synthetic home folder and the same loop-mounted ext4 disk.
 #
-#   sudo bench/backup_vs_copy.sh [-n FILES] [-b BYTES] [-s SEED] [-B BUILD_DIR] [-k]
+#   sudo bench/backup_vs_copy.sh [-n FILES] [-b BYTES] [-s SEED] [-B BUILD_DIR] [-H HOME] [-k]
 #
-# Defaults: 100000 files, 1.5G, seed 1, build dir "build".  -k keeps the
-# work folder.  Needs root, a loop device, rsync, dbus-daemon and nss_wrapper
+# Defaults: 100000 files, 1.5G, seed 1, build dir "build".  -H uses a home
+# folder made earlier by skerrow_make_home (its owner becomes uid 1600) instead
+# of making one.  -k keeps the work folder.  Needs root, a loop device, rsync, dbus-daemon and nss_wrapper
 # (scripts/install-deps.sh installs all but rsync: apt-get install rsync).
 #
 # What is measured, each with warm caches (the home folder is read once
 # before anything is timed):
-#   cp      cp -a HOME DISK/cp, then sync
+#   cp      cp -a HOME DISK/cp, then sync -f DISK (the same syncfs the engine makes)
 #   rsync   rsync -a HOME/ DISK/rsync/ a first time (not timed), then the
 #           timed no-change run
 #   first   skerrowd's first full backup: from "Starting UNSCHEDULED backup"
@@ -20,10 +21,10 @@
 #   rss     skerrowd's peak resident set (VmHWM) after both passes
 set -euo pipefail
 
-FILES=100000 BYTES=1.5G SEED=1 BUILD=build KEEP=0
-while getopts "n:b:s:B:k" opt; do
+FILES=100000 BYTES=1.5G SEED=1 BUILD=build KEEP=0 GIVEN_HOME=""
+while getopts "n:b:s:B:H:k" opt; do
   case $opt in
-    n) FILES=$OPTARG ;; b) BYTES=$OPTARG ;; s) SEED=$OPTARG ;; B) BUILD=$OPTARG ;; k) KEEP=1 ;;
+    n) FILES=$OPTARG ;; b) BYTES=$OPTARG ;; s) SEED=$OPTARG ;; B) BUILD=$OPTARG ;; H) GIVEN_HOME=$OPTARG ;; k) KEEP=1 ;;
     *) sed -n '2,25p' "$0"; exit 2 ;;
   esac
 done
@@ -54,10 +55,15 @@ now() { date +%s.%N; }
 elapsed() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", b - a }'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
 
-echo "== home: $FILES files, $BYTES, seed $SEED"
-HOME_DIR=$W/home/bench
 mkdir -p "$W/home"
-"$BUILD/tests/skerrow_make_home" -q -n "$FILES" -b "$BYTES" -s "$SEED" "$HOME_DIR"
+if [[ -n $GIVEN_HOME ]]; then
+  echo "== home: $GIVEN_HOME"
+  HOME_DIR=$(cd "$GIVEN_HOME" && pwd)
+else
+  echo "== home: $FILES files, $BYTES, seed $SEED"
+  HOME_DIR=$W/home/bench
+  "$BUILD/tests/skerrow_make_home" -q -n "$FILES" -b "$BYTES" -s "$SEED" "$HOME_DIR"
+fi
 chown -R -h 1600:1600 "$HOME_DIR"
 du -sh --apparent-size "$HOME_DIR" | sed 's/^/   /'
 
@@ -70,10 +76,10 @@ mkdir -p "$W/disk"
 mount "$LOOP" "$W/disk"
 
 # Warm the caches: every run below reads a home folder that is in memory.
-tar -cf - -C "$W/home" bench > /dev/null
+tar -cf - -C "$HOME_DIR" . > /dev/null
 
 echo "== cp -a + sync"
-t0=$(now); cp -a "$HOME_DIR" "$W/disk/cp"; sync; t1=$(now)
+t0=$(now); cp -a "$HOME_DIR" "$W/disk/cp"; sync -f "$W/disk"; t1=$(now)
 CP=$(elapsed "$t0" "$t1")
 rm -rf "$W/disk/cp"; sync
 
@@ -112,7 +118,7 @@ AGAIN=$(elapsed "${starts[1]}" "${ends[1]}")
 STORED=$(find "$W/disk/qs skerrow.skstor" -type f -name '*@0*' | wc -l)
 
 echo
-printf '%-44s %8.2f s\n' "cp -a + sync" "$CP"
+printf "%-44s %8.2f s\n" "cp -a + sync -f" "$CP"
 printf '%-44s %8.2f s   (%sx cp)\n' "skerrowd first backup (incl. syncfs)" "$FIRST" "$(ratio "$FIRST" "$CP")"
 printf '%-44s %8.2f s\n' "rsync -a, nothing to copy" "$RSYNC"
 printf '%-44s %8.2f s   (%sx rsync)\n' "skerrowd backup, nothing to copy" "$AGAIN" "$(ratio "$AGAIN" "$RSYNC")"
