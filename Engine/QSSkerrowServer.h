@@ -114,6 +114,10 @@ class QSSkerrowServer : public platform::Object, public QSPipelineHost, public Q
   // The database file, "backupdb.plist" in the permanent store folder.
   std::string backupDatabasePath() const;
   void loadBackupDatabase();
+  // The database file's contents: the archives of the persistent entries,
+  // in the given order, and the users' exclusion expressions.
+  static platform::Dictionary databaseContents(const std::vector<std::shared_ptr<QSBackupEntry>>& entries,
+                                               const std::map<std::string, std::string>& exclusionExpressions);
   bool saveBackupDatabase();
   // The backup's folder on its mounted disk, or nothing.
   std::optional<std::string> destinationPathForUID(const std::string& uid) const;

@@ -122,17 +122,26 @@ void QSSkerrowServer::keepUnreadableDatabaseAside() {
     platform::Log::format("Unable to keep the unreadable backup database %s aside", path.c_str());
 }
 
-bool QSSkerrowServer::saveBackupDatabase() {
-  keepUnreadableDatabaseAside();
+platform::Dictionary QSSkerrowServer::databaseContents(
+    const std::vector<std::shared_ptr<QSBackupEntry>>& entries,
+    const std::map<std::string, std::string>& exclusionExpressions) {
   platform::Array archives;
-  for (const auto& [uid, entry] : backupEntryMap_.snapshot())
+  for (const auto& entry : entries)
     if (entry->isPersistent()) archives.push_back(platform::Value(entry->archive()));
   platform::Dictionary users;
-  for (const auto& [name, expression] : exclusionFilterMap_) users.set(name, platform::Value(expression));
+  for (const auto& [name, expression] : exclusionExpressions) users.set(name, platform::Value(expression));
   platform::Dictionary root;
   root.set(kManagedBackupsKey, platform::Value(std::move(archives)));
   root.set(kManagedUsersKey, platform::Value(std::move(users)));
-  const bool saved = platform::PropertyList::writeFile(backupDatabasePath(), platform::Value(std::move(root)));
+  return root;
+}
+
+bool QSSkerrowServer::saveBackupDatabase() {
+  keepUnreadableDatabaseAside();
+  std::vector<std::shared_ptr<QSBackupEntry>> entries;
+  for (const auto& [uid, entry] : backupEntryMap_.snapshot()) entries.push_back(entry);
+  const bool saved = platform::PropertyList::writeFile(
+      backupDatabasePath(), platform::Value(databaseContents(entries, exclusionFilterMap_)));
   platform::Log::format("Server did save to permanent store: %d", saved ? 1 : 0);
   return saved;
 }

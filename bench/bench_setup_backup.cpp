@@ -10,6 +10,7 @@
 #include "Engine/QSBackupAttributes.h"
 #include "Engine/QSBackupEntry.h"
 #include "Engine/QSCategoryIdentifiers.h"
+#include "Engine/QSSkerrowServer.h"
 #include "platform/PropertyList.h"
 
 int main(int argc, char** argv) {
@@ -35,12 +36,8 @@ int main(int argc, char** argv) {
   entry->setPersistent(true);
   entry->setScheduled(true);
   std::filesystem::create_directories(store);
-  platform::Array archives;
-  archives.push_back(platform::Value(entry->archive()));
-  platform::Dictionary db;
-  db.set("managed-backups", platform::Value(std::move(archives)));
-  db.set("managed-users", platform::Value(platform::Dictionary()));
-  if (!platform::PropertyList::writeFile(store + "/" + kBackupDatabaseFile, platform::Value(db))) {
+  if (!platform::PropertyList::writeFile(store + "/" + kBackupDatabaseFile,
+                                         platform::Value(QSSkerrowServer::databaseContents({entry}, {})))) {
     std::fprintf(stderr, "cannot write the database in %s\n", store.c_str());
     return 1;
   }

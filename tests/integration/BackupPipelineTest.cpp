@@ -9,14 +9,9 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <thread>
 
 #include "Engine/QSBackupAttributes.h"
 #include "Engine/QSBackupEntry.h"
-#include "Engine/QSBlackList.h"
-#include "Engine/QSCategoryIdentifiers.h"
-#include "Engine/QSVersionName.h"
 #include "platform/PropertyList.h"
 #include "tests/support/BackupScenario.h"
 
@@ -25,15 +20,9 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 using skerrow_test::BackupScenario;
-using skerrow_test::StoredFile;
-
-namespace {
-
-std::map<std::string, StoredFile> filesBelow(const std::string& folder) { return skerrow_test::regularFilesBelow(folder); }
-std::string versioned(const std::string& relative, uint64_t index) { return skerrow_test::versionedPath(relative, index); }
-bool admitted(const std::string& relative) { return skerrow_test::admittedByBlackList(relative); }
-
-}  // namespace
+using skerrow_test::admittedByBlackList;
+using skerrow_test::regularFilesBelow;
+using skerrow_test::versionedPath;
 
 TEST(BackupPipelineTest, ScheduledBackupStoresVersionedCopiesSkipsUnchangedFilesAndKeepsTheVersionDepth) {
   if (auto reason = BackupScenario::unavailableReason()) GTEST_SKIP() << *reason;
@@ -51,9 +40,9 @@ TEST(BackupPipelineTest, ScheduledBackupStoresVersionedCopiesSkipsUnchangedFiles
 
   // Every admitted regular file of the home stands as name@0 with the source's size, mode, owner and times.
   size_t checked = 0;
-  for (const auto& [relative, source] : filesBelow(home)) {
-    if (!admitted(relative)) continue;
-    const std::string copy = backup + "/" + versioned(relative, 0);
+  for (const auto& [relative, source] : regularFilesBelow(home)) {
+    if (!admittedByBlackList(relative)) continue;
+    const std::string copy = backup + "/" + versionedPath(relative, 0);
     struct stat s {}, c {};
     ASSERT_EQ(::lstat((home + "/" + relative).c_str(), &s), 0);
     ASSERT_EQ(::lstat(copy.c_str(), &c), 0) << "missing copy of " << relative;
@@ -66,40 +55,35 @@ TEST(BackupPipelineTest, ScheduledBackupStoresVersionedCopiesSkipsUnchangedFiles
     ++checked;
   }
   EXPECT_GT(checked, 300u);
-  const auto firstPass = filesBelow(backup);
+  const auto firstPass = regularFilesBelow(backup);
 
   // Second pass: nothing is copied (every stored file keeps its inode; nothing new appears).
-  ASSERT_TRUE(engine.waitForLogLine(kSaved, 30s));
-  auto waitForSaves = [&](size_t count) {
-    for (int i = 0; i < 400 && engine.countLogLines(kSaved) < count; ++i) std::this_thread::sleep_for(100ms);
-    return engine.countLogLines(kSaved) >= count;
-  };
-  ASSERT_TRUE(waitForSaves(2)) << engine.logText();
-  const auto secondPass = filesBelow(backup);
+  ASSERT_TRUE(scenario.waitForCount(kSaved, 2, 40s)) << engine.logText();
+  const auto secondPass = regularFilesBelow(backup);
   ASSERT_EQ(secondPass.size(), firstPass.size());
   for (const auto& [path, stored] : firstPass) EXPECT_EQ(secondPass.at(path).inode, stored.inode) << path;
 
   // Four changes of one file: @1 after the first, and with depth 2 only @2, @3, @4 at the end.
   std::string changed;
-  for (const auto& [relative, source] : filesBelow(home))
-    if (admitted(relative) && relative.rfind("Documents/", 0) == 0) changed = relative;
+  for (const auto& [relative, source] : regularFilesBelow(home))
+    if (admittedByBlackList(relative) && relative.rfind("Documents/", 0) == 0) changed = relative;
   ASSERT_FALSE(changed.empty());
   size_t saves = engine.countLogLines(kSaved);
   for (int change = 1; change <= 4; ++change) {
     // Wait for a pass to end before changing, so that each change lands in a pass of its own.
     std::ofstream(home + "/" + changed, std::ios::app) << "change " << change << "\n";
-    ASSERT_TRUE(waitForSaves(saves + 2)) << engine.logText();
+    ASSERT_TRUE(scenario.waitForCount(kSaved, saves + 2, 40s)) << engine.logText();
     saves = engine.countLogLines(kSaved);
     if (change == 1) {
-      const auto now = filesBelow(backup);
+      const auto now = regularFilesBelow(backup);
       EXPECT_EQ(now.size(), firstPass.size() + 1);
-      ASSERT_TRUE(now.count(versioned(changed, 1))) << changed;
+      ASSERT_TRUE(now.count(versionedPath(changed, 1))) << changed;
       for (const auto& [path, stored] : firstPass) EXPECT_EQ(now.at(path).inode, stored.inode) << path;
     }
   }
-  for (uint64_t gone : {0, 1}) EXPECT_FALSE(fs::exists(backup + "/" + versioned(changed, gone))) << gone;
-  for (uint64_t kept : {2, 3, 4}) EXPECT_TRUE(fs::exists(backup + "/" + versioned(changed, kept))) << kept;
-  EXPECT_EQ(fs::file_size(backup + "/" + versioned(changed, 4)), fs::file_size(home + "/" + changed));
+  for (uint64_t gone : {0, 1}) EXPECT_FALSE(fs::exists(backup + "/" + versionedPath(changed, gone))) << gone;
+  for (uint64_t kept : {2, 3, 4}) EXPECT_TRUE(fs::exists(backup + "/" + versionedPath(changed, kept))) << kept;
+  EXPECT_EQ(fs::file_size(backup + "/" + versionedPath(changed, 4)), fs::file_size(home + "/" + changed));
 
   // The completion date is in the database.
   engine.stop(10s);

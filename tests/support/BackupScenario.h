@@ -18,6 +18,7 @@
 #include "Engine/QSBackupEntry.h"
 #include "Engine/QSBlackList.h"
 #include "Engine/QSCategoryIdentifiers.h"
+#include "Engine/QSSkerrowServer.h"
 #include "Engine/QSVersionName.h"
 #include "platform/PropertyList.h"
 #include "tests/support/EngineFixture.h"
@@ -103,12 +104,8 @@ class BackupScenario {
     entry->setScheduled(true);
     store = fixture.storeRoot() + "/Library/Application Support/Vornhalden/";
     std::filesystem::create_directories(store);
-    platform::Array archives;
-    archives.push_back(platform::Value(entry->archive()));
-    platform::Dictionary db;
-    db.set("managed-backups", platform::Value(std::move(archives)));
-    db.set("managed-users", platform::Value(platform::Dictionary()));
-    platform::PropertyList::writeFile(store + kBackupDatabaseFile, platform::Value(db));
+    platform::PropertyList::writeFile(store + kBackupDatabaseFile,
+                                      platform::Value(QSSkerrowServer::databaseContents({entry}, {})));
   }
 
   DaemonProcess& start() { return *(engine = &fixture.startEngine({"-noSchedule", "-noRealtime"})); }

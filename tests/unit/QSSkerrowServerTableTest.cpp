@@ -260,10 +260,13 @@ TEST(QSSkerrowServerTableTest, SettingTheFilterToNothingRemovesTheUserFromTheDat
 TEST(QSSkerrowServerTableTest, InvalidFilterExpressionIsLoggedAndChangesNothing) {
   ServerFixture f;
   auto ann = std::make_shared<RecordingClient>("ann", f.annHome);
+  const size_t linesBefore = f.log.lines().size();
   f.server->setPathSuffixExclusionFilter_forClient("(unclosed", ann);
   EXPECT_FALSE(f.server->pathSuffixExclusionFilterForClient(ann));
+  EXPECT_EQ(f.server->firstStage()->environmentForUser("ann")->exclusionFilter(), nullptr);
   EXPECT_FALSE(f.log.contains("Server did save to permanent store"));
-  EXPECT_FALSE(f.log.lines().empty());
+  ASSERT_EQ(f.log.lines().size(), linesBefore + 1);  // the reason the expression was refused
+  EXPECT_FALSE(f.log.lines().back().empty());
 }
 
 TEST(QSSkerrowServerTableTest, FilterOfAUserWithoutEnvironmentChangesAndSavesNothing) {
