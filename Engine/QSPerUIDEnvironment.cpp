@@ -1,7 +1,5 @@
 #include "Engine/QSPerUIDEnvironment.h"
 
-#include <thread>
-
 #include "Engine/FSDestinationTraversal.h"
 #include "Engine/QSBackupAttributes.h"
 #include "Engine/QSBackupEntry.h"
@@ -14,9 +12,8 @@
 
 namespace {
 
+// The longest pause between two looks at an empty queue (queueing ends it).
 constexpr uint32_t kPauseMicroseconds = 100000;
-
-void sleepMicroseconds(uint32_t microseconds) { std::this_thread::sleep_for(std::chrono::microseconds(microseconds)); }
 
 const char* const kEntryNotifications[] = {
     QSVersionDepthChangedNotification, QSScheduledCategoriesChangedNotification, QSScheduledStatusChangedNotification,
@@ -31,7 +28,7 @@ QSPerUIDEnvironment::QSPerUIDEnvironment(Passkey, std::shared_ptr<QSUserEnvironm
       userEnvironment_(std::move(userEnvironment)),
       client_(userEnvironment_->client()),
       host_(host),
-      sleep_(sleepMicroseconds),
+      sleep_([this](uint32_t microseconds) { idle_.sleep(microseconds); }),
       center_(center ? center : &platform::NotificationCenter::defaultCenter()) {
   categoryFilter_.set(std::make_shared<const std::set<std::string>>());
 }
@@ -98,6 +95,7 @@ bool QSPerUIDEnvironment::enqueue(const std::shared_ptr<QSToken>& token) {
   }
   queue_.enqueue(token);
   isPipeCancelled_.store(false);
+  idle_.wake();
   return true;
 }
 
@@ -109,6 +107,7 @@ void QSPerUIDEnvironment::cancelPipe() {
 void QSPerUIDEnvironment::cancel() {
   cancelPipe();
   cancelRequested_.store(true);
+  idle_.wake();
   std::lock_guard<std::recursive_mutex> lock(lock_);
   if (thread_) thread_->cancel();
 }

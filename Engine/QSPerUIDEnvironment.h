@@ -32,6 +32,7 @@
 #include <string>
 
 #include "Engine/FSDepthFirstVisitor.h"
+#include "Engine/QSIdleWait.h"
 #include "Engine/QSAtomicHolders.h"
 #include "Engine/QSDestinationTraits.h"
 #include "Engine/QSMutableTally.h"
@@ -110,7 +111,10 @@ class QSPerUIDEnvironment : public platform::Object,
   const std::shared_ptr<QSUserEnvironment>& perUserEnvironment() const { return userEnvironment_; }
 
   // Real-time events waiting for the thread.
-  void enqueueFSEvent(FSEvent event) { fsEventQueue_.enqueue(std::move(event)); }
+  void enqueueFSEvent(FSEvent event) {
+    fsEventQueue_.enqueue(std::move(event));
+    idle_.wake();
+  }
   uint64_t realtimePollCount() const { return realtimePolls_.load(); }
 
   // Judges one failed copy: past the client's limit of failures in a row the
@@ -179,6 +183,7 @@ class QSPerUIDEnvironment : public platform::Object,
 
   std::atomic<bool> cancelRequested_{false};
   std::atomic<uint64_t> realtimePolls_{0};
+  QSIdleWait idle_;  // woken when a token or an event is queued, or the thread is cancelled
   std::function<void(uint32_t)> sleep_;
   platform::NotificationCenter* center_ = nullptr;
   std::vector<platform::NotificationCenter::ObserverId> observers_;

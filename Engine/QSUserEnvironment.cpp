@@ -1,20 +1,12 @@
 #include "Engine/QSUserEnvironment.h"
 
-#include <thread>
-
 #include "Engine/FSSourceTraversal.h"
 #include "Engine/QSSourceTreeBuilder.h"
 #include "platform/Date.h"
 
-namespace {
-
-void sleepMicroseconds(uint32_t microseconds) { std::this_thread::sleep_for(std::chrono::microseconds(microseconds)); }
-
-}  // namespace
-
 QSUserEnvironment::QSUserEnvironment(Passkey, std::string name, std::string homeDir)
     : homeDir_(std::move(homeDir)), name_(std::move(name)), client_(QSSkerrowClientProxy::init()),
-      sleep_(sleepMicroseconds) {}
+      sleep_([this](uint32_t microseconds) { idle_.sleep(microseconds); }) {}
 
 QSUserEnvironment::~QSUserEnvironment() = default;
 
@@ -45,6 +37,7 @@ void QSUserEnvironment::run() {
 bool QSUserEnvironment::stopThread(std::chrono::milliseconds timeout) {
   stopRequested_.store(true);
   cancel();
+  idle_.wake();
   std::shared_ptr<platform::OVThread> thread;
   {
     std::lock_guard<std::recursive_mutex> lock(lock_);
@@ -116,6 +109,7 @@ void QSUserEnvironment::append(const std::shared_ptr<QSToken>& token) {
   queue_.push_back(token);
   queueCount_.store(queue_.size());
   isPipeCancelled_.store(false);
+  idle_.wake();
 }
 
 void QSUserEnvironment::setClient(std::shared_ptr<QSBackupClientProtocol> client) {

@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "Engine/FSDepthFirstVisitor.h"
+#include "Engine/QSIdleWait.h"
 #include "Engine/QSBackupClientProtocol.h"
 #include "Engine/QSFSNode.h"
 #include "Engine/QSMutableTally.h"
@@ -45,7 +46,7 @@ class QSUserEnvironment : public platform::Object,
  public:
   // The error limit while no client is attached.
   static constexpr uint64_t kDefaultErrorLimit = 100;
-  // The pause between two looks at an empty queue.
+  // The longest pause between two looks at an empty queue (queueing a token ends it).
   static constexpr uint32_t kIdleSleepMicroseconds = 100000;
 
   struct Passkey {
@@ -140,6 +141,7 @@ class QSUserEnvironment : public platform::Object,
   std::atomic<bool> stopRequested_{false};
   bool isProductExposed_ = false;
   std::shared_ptr<const platform::RegexPredicate> exclusionFilter_;
+  QSIdleWait idle_;  // woken when a token is queued or the thread is stopped
   std::function<void(uint32_t)> sleep_;
   mutable std::recursive_mutex lock_;
 };

@@ -114,7 +114,10 @@ RSS_KB=$(awk '/VmHWM/ {print $2}' "/proc/$ENGINE/status")
 starts=($(awk '/Starting UNSCHEDULED backup/ {print $1}' "$LOG"))
 ends=($(awk '/Server did save to permanent store: 1/ {print $1}' "$LOG"))
 FIRST=$(elapsed "${starts[0]}" "${ends[0]}")
-AGAIN=$(elapsed "${starts[1]}" "${ends[1]}")
+# The next pass is the first one started after the first backup was saved (a
+# tick that came while the first backup still ran only joined it).
+again_start=$(awk -v t="${ends[0]}" '/Starting UNSCHEDULED backup/ && $1 > t {print $1; exit}' "$LOG")
+AGAIN=$(elapsed "$again_start" "${ends[1]}")
 STORED=$(find "$W/disk/qs skerrow.skstor" -type f -name '*@0*' | wc -l)
 
 echo
