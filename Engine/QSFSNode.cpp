@@ -152,6 +152,12 @@ std::string QSFSNode::description() const {
       platform::Date(dst.modificationDate).description().c_str(), versions.c_str(), children);
 }
 
+QSFSFileAttributes QSFSNode::destinationAttributes() const {
+  if (dst_) return *dst_;
+  if (const auto latest = latestVersion()) return latest->attributes();
+  return QSFSFileAttributes();
+}
+
 void QSFSMutableNode::setDestinationAttributes(const QSFSFileAttributes& a) {
   if (dst_)
     *dst_ = a;

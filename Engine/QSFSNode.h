@@ -41,7 +41,10 @@ class QSFSNode {
   QSFSNode* parent() const { return parent_; }
   const std::string& path() const { return path_; }
   QSFSFileAttributes sourceAttributes() const { return src_; }
-  QSFSFileAttributes destinationAttributes() const { return dst_ ? *dst_ : QSFSFileAttributes(); }
+  // The attributes set for the stored item; for a file whose stored copies
+  // are known and that has none set, those of its newest copy (kept once, in
+  // the version, since a backup folder holds as many copies as files).
+  QSFSFileAttributes destinationAttributes() const;
   // The last path component of `path`.
   std::string fileName() const { return std::string(fileNameView()); }
   // The same without a copy (valid while the node's path is unchanged).

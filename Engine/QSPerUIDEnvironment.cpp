@@ -343,7 +343,6 @@ std::shared_ptr<QSFSNode> QSPerUIDEnvironment::groupNodeAtPath_versions(const st
   node->setVersions(versions);
   const auto latest = node->latestVersion();
   if (!latest) return node;
-  node->setDestinationAttributes(latest->attributes());
   const QSCategoryMask mask = nodeStack_.applicableCategoryMask(name);
   const auto tally = this->tally();
   for (size_t i = 0; i < kAllCategories.size(); ++i)

@@ -19,6 +19,8 @@
 #           backup-folder count, dry run, copy, and the final syncfs)
 #   again   the next backup, which finds nothing to copy
 #   rss     skerrowd's peak resident set (VmHWM) after both passes
+#   floor   the kernel calls alone of a no-change pass (stat of every item
+#           on both sides, the creation date of every copy), for scale
 set -euo pipefail
 
 FILES=100000 BYTES=1.5G SEED=1 BUILD=build KEEP=0 GIVEN_HOME=""
@@ -35,7 +37,7 @@ done
 NSS=$(ls /usr/lib/*/libnss_wrapper.so 2>/dev/null | head -1)
 [[ -n $NSS ]] || { echo "missing nss_wrapper (apt-get install libnss-wrapper)"; exit 2; }
 BUILD=$(cd "$BUILD" && pwd)
-for program in tests/skerrow_make_home bench/skerrow_bench_setup_backup bin/skerrowd; do
+for program in tests/skerrow_make_home bench/skerrow_bench_setup_backup bench/skerrow_bench_walk_floor bin/skerrowd; do
   [[ -x $BUILD/$program ]] || { echo "missing $BUILD/$program (build first)"; exit 2; }
 done
 
@@ -94,7 +96,8 @@ printf 'root:x:0:0:root:/root:/bin/sh\nbench:x:1600:1600:Bench:%s:/bin/sh\n' "$H
 printf 'root:x:0:\nbench:x:1600:\n' > "$W/group"
 mkdir -p "$W/engine"
 STORE="$W/engine/Library/Application Support/Vornhalden"
-"$BUILD/bench/skerrow_bench_setup_backup" bench "$HOME_DIR" "$W/disk" "$STORE" BENCH-0000-4000-8000-000000000001
+BENCH_UID=BENCH-0000-4000-8000-000000000001
+"$BUILD/bench/skerrow_bench_setup_backup" bench "$HOME_DIR" "$W/disk" "$STORE" $BENCH_UID
 BUS_OUT=$(dbus-daemon --session --fork --print-address=1 --print-pid=1 --nopidfile)
 export DBUS_SESSION_BUS_ADDRESS=$(echo "$BUS_OUT" | sed -n 1p)
 BUS=$(echo "$BUS_OUT" | sed -n 2p)
@@ -118,6 +121,8 @@ FIRST=$(elapsed "${starts[0]}" "${ends[0]}")
 # tick that came while the first backup still ran only joined it).
 again_start=$(awk -v t="${ends[0]}" '/Starting UNSCHEDULED backup/ && $1 > t {print $1; exit}' "$LOG")
 AGAIN=$(elapsed "$again_start" "${ends[1]}")
+# The kernel calls alone that a no-change pass makes, timed on the same trees.
+FLOOR=$("$BUILD/bench/skerrow_bench_walk_floor" "$HOME_DIR" "$W/disk/qs skerrow.skstor/$BENCH_UID" 3)
 STORED=$(find "$W/disk/qs skerrow.skstor" -type f -name '*@0*' | wc -l)
 
 echo
@@ -127,3 +132,5 @@ printf '%-44s %8.2f s\n' "rsync -a, nothing to copy" "$RSYNC"
 printf '%-44s %8.2f s   (%sx rsync)\n' "skerrowd backup, nothing to copy" "$AGAIN" "$(ratio "$AGAIN" "$RSYNC")"
 printf '%-44s %8.1f MiB\n' "skerrowd peak RSS" "$(ratio "$RSS_KB" 1024)"
 printf '%-44s %8d\n' "versioned copies on the disk" "$STORED"
+echo
+echo "$FLOOR"

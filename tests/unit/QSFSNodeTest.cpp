@@ -253,3 +253,14 @@ TEST(QSFSNodeTest, DestinationAttributesAndDescription) {
             "+0000");
   EXPECT_NE(d.find("\n\tversions=(null)\n\tchildren=<QSCaseInsensitiveMap: 0x"), std::string::npos) << d;
 }
+
+TEST(QSFSNodeTest, AFileWithoutSetDestinationAttributesHasItsNewestCopys) {
+  QSFSVersionArray versions{
+      QSFSVersion::initWithFileName_attributes_index("a@0.txt", QSFSFileAttributes{5, 2, true, 1, 2}, 0),
+      QSFSVersion::initWithFileName_attributes_index("a@4.txt", QSFSFileAttributes{9, 2, true, 3, 4}, 4),
+  };
+  auto n = QSFSMutableNode::initWithFileName_versions("a.txt", &versions);
+  EXPECT_EQ(n->destinationAttributes(), (QSFSFileAttributes{9, 2, true, 3, 4}));
+  n->setDestinationAttributes(QSFSFileAttributes{7, 2, true, 0, 0});
+  EXPECT_EQ(n->destinationAttributes().size, 7);
+}
