@@ -53,6 +53,9 @@ class QSFirstStage : public QSBackupConversionChangedNotificationProtocol {
   // ended within `timeout` each.
   bool stopAll(std::chrono::milliseconds timeout);
 
+  // The accounts users are admitted from.
+  const platform::AccountDirectory& accounts() const { return accounts_; }
+
  private:
   bool admit(const platform::UserAccount& account);
 

@@ -158,6 +158,9 @@ class QSSkerrowServer : public platform::Object, public QSPipelineHost, public Q
   std::optional<std::string> pathSuffixExclusionFilterForClient(const Client& client) const;
   void setPathSuffixExclusionFilter_forClient(const std::optional<std::string>& expression, const Client& client);
 
+  // The engine's clock (the environment's when it gave one).
+  platform::Date now() const;
+
   QSFirstStage* firstStage() const { return firstStage_.get(); }
   QSSecondStage* secondStage() const { return secondStage_.get(); }
   // Ends the stages' threads (teardown; tests).
@@ -174,7 +177,6 @@ class QSSkerrowServer : public platform::Object, public QSPipelineHost, public Q
   std::optional<std::string> shortUserNameOf(const Client& client) const;
   void keepUnreadableDatabaseAside();
   void removeStaleDatabaseTemporaries();
-  platform::Date now() const;
 
   std::string dbDir_;
   bool skipTransfer_ = false;
