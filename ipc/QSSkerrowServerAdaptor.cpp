@@ -1,14 +1,11 @@
 #include "ipc/QSSkerrowServerAdaptor.h"
 
+#include "ipc/WireCoding.h"
 #include "ipc/WireValues.h"
 
 namespace {
 
 constexpr const char* kNotSupported = "org.freedesktop.DBus.Error.NotSupported";
-
-[[noreturn]] void notSupported(const char* what) {
-  throw sdbus::Error(kNotSupported, std::string(what) + " is not available in this build of the engine");
-}
 
 }  // namespace
 
@@ -37,14 +34,15 @@ bool QSSkerrowServerAdaptor::remountDriveWithBSDName(const std::string& bsdName)
 
 std::map<std::string, sdbus::Variant> QSSkerrowServerAdaptor::jobs() { return wire::toWireDictionary(server_->jobs()); }
 
-std::map<std::string, sdbus::Struct<bool, bool, std::string, std::string, std::string, std::string, std::string,
-                                    std::string, std::string, std::string, std::string,
-                                    std::map<std::string, sdbus::Struct<bool, std::string, std::map<std::string, sdbus::Variant>>>,
-                                    double, double, uint32_t, std::vector<std::string>>>
-QSSkerrowServerAdaptor::db2() {
-  notSupported("The backup database");
+wire::DatabaseWire QSSkerrowServerAdaptor::db2() {
+  wire::DatabaseWire database;
+  for (const auto& [uid, entry] : server_->db2()) database.emplace(uid, wire::toWire<wire::EntryWire>(*entry));
+  return database;
 }
 
-std::vector<std::string> QSSkerrowServerAdaptor::conversionStateForMountPath(const std::string&) {
-  notSupported("Legacy conversion");
+std::vector<std::string> QSSkerrowServerAdaptor::conversionStateForMountPath(const std::string& mountPath) {
+  const auto state = server_->conversionStateForMountPath(mountPath);
+  if (!state) return {};
+  if (const std::string* text = state->asString()) return {*text};
+  return {state->description()};
 }

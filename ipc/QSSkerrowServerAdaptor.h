@@ -1,8 +1,5 @@
 // The engine server on the bus: com.qsc.skerrow.QSSkerrowServerProtocol at
-// /com/qsc/skerrow.  Each method hands over to the server; the methods whose
-// wire side this build does not have yet (the database's records, the
-// backup services, legacy conversions) answer
-// org.freedesktop.DBus.Error.NotSupported.
+// /com/qsc/skerrow.  Each method hands over to the server.
 #pragma once
 
 #include <memory>
@@ -11,6 +8,7 @@
 
 #include "Engine/QSSkerrowServer.h"
 #include "ipc/SkerrowAdaptors.h"
+#include "ipc/WireTypes.h"
 
 inline constexpr const char* kServerObjectPath = "/com/qsc/skerrow";
 inline constexpr const char* kServiceName = "com.qsc.skerrow";
@@ -28,11 +26,7 @@ class QSSkerrowServerAdaptor
   void backupServiceForClient(sdbus::Result<sdbus::ObjectPath>&& result, sdbus::ObjectPath client) override;
   bool remountDriveWithBSDName(const std::string& bsdName) override;
   std::map<std::string, sdbus::Variant> jobs() override;
-  std::map<std::string, sdbus::Struct<bool, bool, std::string, std::string, std::string, std::string, std::string,
-                                      std::string, std::string, std::string, std::string,
-                                      std::map<std::string, sdbus::Struct<bool, std::string, std::map<std::string, sdbus::Variant>>>,
-                                      double, double, uint32_t, std::vector<std::string>>>
-  db2() override;
+  wire::DatabaseWire db2() override;
   std::vector<std::string> conversionStateForMountPath(const std::string& mountPath) override;
 
   std::shared_ptr<QSSkerrowServer> server_;

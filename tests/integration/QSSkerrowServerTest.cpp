@@ -38,9 +38,11 @@ TEST(QSSkerrowServerTest, StartsOnThePrivateBusAndShowsTheServerInterface) {
   EXPECT_NE(r.output.find("com.qsc.skerrow.QSSkerrowServerProtocol"), std::string::npos) << r.output;
   EXPECT_NE(r.output.find(".supportsContinuousBackup"), std::string::npos);
   EXPECT_NE(r.output.find("a{s(bbsssssssssa{s(bsa{sv})}dduas)}"), std::string::npos);
-  // Methods whose engine side is not built answer NotSupported; jobs is always empty.
+  // An engine without backups: an empty database, no conversion, no jobs.
   r = f.busctl(call("db2"));
-  EXPECT_NE(r.output.find("not available"), std::string::npos) << r.output;
+  EXPECT_EQ(r.output, "a{s(bbsssssssssa{s(bsa{sv})}dduas)} 0\n") << r.output;
+  r = f.busctl(call("conversionStateForMountPath", {"s", "/media/nothing"}));
+  EXPECT_EQ(r.output, "as 0\n") << r.output;
   r = f.busctl(call("jobs"));
   EXPECT_EQ(r.output, "a{sv} 0\n");
 }
