@@ -8,19 +8,18 @@
 #include <string>
 #include <vector>
 
-#include "Engine/QSBackupClientProtocol.h"
-#include "Engine/QSBackupError.h"
 #include "Engine/QSCategoryIdentifiers.h"
 #include "Engine/QSTally.h"
 #include "platform/Exception.h"
+#include "tests/support/CallbackRoutingClient.h"
 
 namespace skerrow_test {
 
-class RecordingClient : public QSBackupClientProtocol {
+class RecordingClient : public CallbackRoutingClient {
  public:
   struct Call {
     std::string name;
-    std::string uid;
+    std::string uid;  // the callback's argument: the uid of a tally callback
     // Files of each view of the tally, summed over the categories, when the call carried one.
     int64_t sourceFiles = 0, destinationFiles = 0, transferredFiles = 0, expectedFiles = 0;
   };
@@ -53,49 +52,19 @@ class RecordingClient : public QSBackupClientProtocol {
     return errors_;
   }
 
-  void startedSourceTally(const Tally& t) override { record("startedSourceTally", "", t); }
-  void computingSourceTally(const Tally& t) override { record("computingSourceTally", "", t); }
-  void finishedSourceTally(const Tally& t) override { record("finishedSourceTally", "", t); }
-  void startedDestinationTally_withUID(const Tally& t, const std::string& uid) override {
-    record("startedDestinationTally", uid, t);
-  }
-  void computingDestinationTally_withUID(const Tally& t, const std::string& uid) override {
-    record("computingDestinationTally", uid, t);
-  }
-  void finishedDestinationTally_withUID(const Tally& t, const std::string& uid) override {
-    record("finishedDestinationTally", uid, t);
-  }
-  void startedTransferTally_withUID(const Tally& t, const std::string& uid) override {
-    record("startedTransferTally", uid, t);
-  }
-  void computingTransferTally_withUID(const Tally& t, const std::string& uid) override {
-    record("computingTransferTally", uid, t);
-  }
-  void finishedTransferTally_withUID(const Tally& t, const std::string& uid) override {
-    record("finishedTransferTally", uid, t);
-  }
-  void startedRealtimeTransferOfFile_to(const std::string&, const std::string&) override {
-    record("startedRealtimeTransfer", "", nullptr);
-  }
-  void finishedRealtimeTransferOfFile_to_withResult(const std::string&, const std::string&, bool) override {
-    record("finishedRealtimeTransfer", "", nullptr);
-  }
-  void error(const QSBackupError& e) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    errors_.push_back(e);
-    calls_.push_back({"error", e.uid().value_or("")});
-  }
-  void stoppedDueToErrorsForBackup(const std::string& uid) override { record("stoppedDueToErrors", uid, nullptr); }
-  void conversionChangedState_forMountPath(const std::string& state, const std::string& path) override {
-    record("conversion " + state + " " + path, "", nullptr);
-  }
   uint64_t maximumContiguousErrorsClientWants() override { return errorLimit_; }
   std::string userHome() override { return ask(home_); }
   std::string shortUserName() override { return ask(user_); }
   std::string longUserName() override { return ask(user_); }
 
- private:
-  void record(const std::string& name, const std::string& uid, const Tally& tally) {
+ protected:
+  void received(const QSBackupError& e) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    errors_.push_back(e);
+    calls_.push_back({"error", e.uid().value_or("")});
+  }
+  // The argument of a tally callback is its uid.
+  void callback(const std::string& name, const std::string& uid, const Tally& tally) override {
     Call call{name, uid};
     if (tally) {
       // Summed over every category (the tally's own totals follow the destination's categories only).
@@ -114,6 +83,8 @@ class RecordingClient : public QSBackupClientProtocol {
     std::lock_guard<std::mutex> lock(mutex_);
     calls_.push_back(std::move(call));
   }
+
+ private:
   std::string ask(const std::string& answer) const {
     std::lock_guard<std::mutex> lock(mutex_);
     if (gone_) platform::Exception::raise("NSPortTimeoutException", "%s", "connection went invalid while waiting for a reply");

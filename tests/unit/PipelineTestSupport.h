@@ -36,6 +36,7 @@
 #include "platform/Exception.h"
 #include "platform/NotificationCenter.h"
 #include "platform/PropertyList.h"
+#include "tests/support/CallbackRoutingClient.h"
 #include "tests/support/TempDir.h"
 
 namespace skerrow_test {
@@ -87,7 +88,7 @@ inline int64_t totalSourceFiles(const QSTally& t) {
 // call is recorded, outside the client's mutex, on the calling thread.
 // `failCalls(n)` makes the next n calls raise the platform's exception, as
 // a client whose connection has died does.
-class CallLogClient : public QSBackupClientProtocol {
+class CallLogClient : public CallbackRoutingClient {
  public:
   struct Call {
     std::string name;
@@ -128,55 +129,23 @@ class CallLogClient : public QSBackupClientProtocol {
     return found;
   }
 
-  void startedSourceTally(const Tally& t) override { record("startedSourceTally", "", t); }
-  void computingSourceTally(const Tally& t) override { record("computingSourceTally", "", t); }
-  void finishedSourceTally(const Tally& t) override { record("finishedSourceTally", "", t); }
-  void startedDestinationTally_withUID(const Tally& t, const std::string& uid) override {
-    record("startedDestinationTally", uid, t);
-  }
-  void computingDestinationTally_withUID(const Tally& t, const std::string& uid) override {
-    record("computingDestinationTally", uid, t);
-  }
-  void finishedDestinationTally_withUID(const Tally& t, const std::string& uid) override {
-    record("finishedDestinationTally", uid, t);
-  }
-  void startedTransferTally_withUID(const Tally& t, const std::string& uid) override {
-    record("startedTransferTally", uid, t);
-  }
-  void computingTransferTally_withUID(const Tally& t, const std::string& uid) override {
-    record("computingTransferTally", uid, t);
-  }
-  void finishedTransferTally_withUID(const Tally& t, const std::string& uid) override {
-    record("finishedTransferTally", uid, t);
-  }
-  void startedRealtimeTransferOfFile_to(const std::string& source, const std::string& destination) override {
-    record("startedRealtimeTransfer", source + "," + destination, nullptr);
-  }
-  void finishedRealtimeTransferOfFile_to_withResult(const std::string& source, const std::string& destination,
-                                                    bool result) override {
-    record("finishedRealtimeTransfer", source + "," + destination + (result ? ",yes" : ",no"), nullptr);
-  }
-  void error(const QSBackupError& e) override {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      errors_.push_back(e);
-    }
-    record("error", e.destinationPath(), nullptr);
-  }
-  void stoppedDueToErrorsForBackup(const std::string& uid) override { record("stoppedDueToErrors", uid, nullptr); }
   uint64_t maximumContiguousErrorsClientWants() override {
-    record("maximumContiguousErrors", "", nullptr);
+    callback("maximumContiguousErrors", "", nullptr);
     return errorLimit_;
-  }
-  void conversionChangedState_forMountPath(const std::string& state, const std::string& mountPath) override {
-    record("conversionChangedState", state + "," + mountPath, nullptr);
   }
   std::string userHome() override { return "/home/ann"; }
   std::string shortUserName() override { return "ann"; }
   std::string longUserName() override { return "Ann Example"; }
 
- private:
-  void record(const std::string& name, const std::string& argument, const Tally& tally) {
+ protected:
+  void received(const QSBackupError& e) override {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      errors_.push_back(e);
+    }
+    callback("error", e.destinationPath(), nullptr);
+  }
+  void callback(const std::string& name, const std::string& argument, const Tally& tally) override {
     if (failuresLeft_.load() > 0) {
       failuresLeft_.fetch_sub(1);
       throw platform::Exception(platform::kObjectInaccessibleException, "connection went invalid while waiting for a reply");
@@ -188,6 +157,7 @@ class CallLogClient : public QSBackupClientProtocol {
     if (onCall) onCall(name);
   }
 
+ private:
   const uint64_t errorLimit_;
   std::atomic<int> failuresLeft_{0};
   mutable std::mutex mutex_;
