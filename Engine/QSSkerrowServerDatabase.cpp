@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "Engine/QSBackupAttributes.h"
+#include "Engine/QSMemoryCoder.h"
 #include "Engine/QSSkerrowServer.h"
 #include "Engine/QSVolumeFunctions.h"
 #include "platform/Directory.h"
@@ -157,7 +158,13 @@ std::optional<std::string> QSSkerrowServer::destinationPathForUID(const std::str
 std::map<std::string, std::shared_ptr<QSBackupEntry>> QSSkerrowServer::db2() const {
   std::map<std::string, std::shared_ptr<QSBackupEntry>> mounted;
   for (const auto& [uid, entry] : backupEntryMap_.snapshot())
-    if (isMounted(*entry)) mounted[uid] = entry->mutableCopy();
+    if (isMounted(*entry)) {
+      // A copy of every field, as a client receives it (mutableCopy leaves
+      // the completion date, period, depth and volume name behind).
+      QSMemoryCoder coder;
+      entry->encodeWithCoder(coder.encoder());
+      mounted[uid] = QSBackupEntry::initWithCoder(coder.decoder());
+    }
   return mounted;
 }
 

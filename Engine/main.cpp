@@ -8,6 +8,8 @@
 #include "Engine/QSFSNodeStack.h"
 #include "Engine/QSSkerrowServer.h"
 #include "Engine/QSVolumeFunctions.h"
+#include "ipc/QSCallbackBus.h"
+#include "ipc/QSServiceRegistry.h"
 #include "ipc/QSSkerrowServerAdaptor.h"
 #include "platform/BusConnection.h"
 #include "platform/Exception.h"
@@ -38,10 +40,12 @@ int main() {
 
   platform::Log::line("server is launching...");
   try {
-    auto bus = platform::BusConnection::open(runsAsUserApp() ? platform::BusConnection::Bus::Session
-                                                             : platform::BusConnection::Bus::System);
+    const auto busKind = runsAsUserApp() ? platform::BusConnection::Bus::Session : platform::BusConnection::Bus::System;
+    auto bus = platform::BusConnection::open(busKind);
+    auto callbacks = std::make_shared<QSCallbackBus>(busKind);
     auto server = QSSkerrowServer::instance();
-    QSSkerrowServerAdaptor adaptor(bus->connection(), server);
+    QSServiceRegistry services(bus->connection(), loop, callbacks, server);
+    QSSkerrowServerAdaptor adaptor(bus->connection(), server, services);
     bus->attachToRunLoop(loop);
     std::string reason;
     if (!bus->requestName(kServiceName, &reason))
@@ -62,6 +66,8 @@ int main() {
     const size_t left = loop.run();
     if (left) platform::Log::format("%zu requests handed to the main loop were not served before it stopped", left);
     if (loop.stoppedBySignal()) platform::Log::format("Stopped by signal %d", loop.stoppedBySignal());
+    // Clients are no longer called; their bus objects go with the callback thread.
+    callbacks->stop();
   } catch (const platform::Exception& e) {
     platform::Log::format("%s", e.description().c_str());
   } catch (...) {

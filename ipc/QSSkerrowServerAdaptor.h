@@ -1,5 +1,7 @@
 // The engine server on the bus: com.qsc.skerrow.QSSkerrowServerProtocol at
-// /com/qsc/skerrow.  Each method hands over to the server.
+// /com/qsc/skerrow.  Each method hands over to the server; a request for a
+// backup service goes to the service registry with the caller's unique
+// name and uid, and is answered when the registry is done.
 #pragma once
 
 #include <memory>
@@ -7,6 +9,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "Engine/QSSkerrowServer.h"
+#include "ipc/QSServiceRegistry.h"
 #include "ipc/SkerrowAdaptors.h"
 #include "ipc/WireTypes.h"
 
@@ -16,7 +19,8 @@ inline constexpr const char* kServiceName = "com.qsc.skerrow";
 class QSSkerrowServerAdaptor
     : public sdbus::AdaptorInterfaces<com::qsc::skerrow::QSSkerrowServerProtocol_adaptor> {
  public:
-  QSSkerrowServerAdaptor(sdbus::IConnection& connection, std::shared_ptr<QSSkerrowServer> server);
+  QSSkerrowServerAdaptor(sdbus::IConnection& connection, std::shared_ptr<QSSkerrowServer> server,
+                         QSServiceRegistry& services);
   ~QSSkerrowServerAdaptor();
 
  private:
@@ -30,4 +34,5 @@ class QSSkerrowServerAdaptor
   std::vector<std::string> conversionStateForMountPath(const std::string& mountPath) override;
 
   std::shared_ptr<QSSkerrowServer> server_;
+  QSServiceRegistry& services_;
 };

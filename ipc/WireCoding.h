@@ -21,6 +21,7 @@
 #include <sdbus-c++/Types.h>
 
 #include "Engine/QSMemoryCoder.h"
+#include "ipc/WireTypes.h"
 #include "ipc/WireValues.h"
 #include "platform/Exception.h"
 
@@ -63,6 +64,22 @@ struct Field<std::vector<std::string>> {
   }
   static void write(QSEncoder& e, const std::vector<std::string>& v) {
     e.encodeOptionalString(v.empty() ? std::nullopt : std::optional<std::string>(v.front()));
+  }
+};
+// An optional date: an array of zero or one element.
+template <>
+struct Field<std::vector<double>> {
+  static std::vector<double> read(QSDecoder& d) {
+    std::vector<double> out;
+    const size_t n = d.beginArray();
+    for (size_t i = 0; i < n; ++i) out.push_back(d.decodeDouble());
+    d.endArray();
+    return out;
+  }
+  static void write(QSEncoder& e, const std::vector<double>& v) {
+    e.beginArray(v.size());
+    for (double seconds : v) e.encodeDate(platform::Date(seconds));
+    e.endArray();
   }
 };
 // A property-list dictionary.
@@ -162,6 +179,14 @@ auto fromWire(const Wire& in) {
   if (coder.remaining() != 0)
     platform::Exception::raise(kInvalidUnarchiveOperationException, "a bus record has fields its record has not");
   return record;
+}
+
+// A database (uid to entry) as the bus dictionary of entry structs.
+template <class Database>
+DatabaseWire toWireDatabase(const Database& database) {
+  DatabaseWire out;
+  for (const auto& [uid, entry] : database) out.emplace(uid, toWire<EntryWire>(*entry));
+  return out;
 }
 
 }  // namespace wire
