@@ -254,7 +254,13 @@ int list(Context& c) {
 int manage(Context& c) {
   std::string disk = c.line.arguments[0];
   if (disk.find('/') != std::string::npos) {
-    const auto volume = QSVolumeInfoForPath(disk);
+    // A mount point is found by name first: the user may not be allowed to look inside its parent folder.
+    std::string mountPoint = disk;
+    while (mountPoint.size() > 1 && mountPoint.back() == '/') mountPoint.pop_back();
+    std::shared_ptr<QSVolumeInfo> volume;
+    for (const auto& [bsdName, candidate] : QSVolumeInfoForLocalVolumes())
+      if (candidate->mountPoint() == mountPoint) volume = candidate;
+    if (!volume) volume = QSVolumeInfoForPath(disk);
     if (!volume || volume->bsdName().empty()) fail("no local disk is mounted at " + disk);
     disk = volume->bsdName();
   }

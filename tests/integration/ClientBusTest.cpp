@@ -1,0 +1,336 @@
+// Clients over the bus: the real skerrowd on a private system bus with the
+// production policy, a loop-mounted ext4 backup disk, fake users, and real
+// clients (skerrowctl, and a probe that sends what skerrowctl never would)
+// running as those users.
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include "tests/support/EngineFixture.h"
+#include "tests/support/FileSystemImage.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using skerrow_test::DaemonProcess;
+using skerrow_test::EngineFixture;
+using skerrow_test::FileSystemImage;
+using skerrow_test::RunAs;
+using skerrow_test::TestUser;
+
+constexpr const char* kSaved = "Server did save to permanent store: 1";
+
+struct Outcome {
+  int status = -1;
+  std::string output;
+};
+
+// The event names of skerrowctl's JSON lines, in order.
+std::vector<std::string> events(const std::string& output) {
+  static const std::regex event("\"event\":\"([A-Za-z_]+)\"");
+  std::vector<std::string> names;
+  for (auto it = std::sregex_iterator(output.begin(), output.end(), event); it != std::sregex_iterator(); ++it)
+    names.push_back((*it)[1]);
+  return names;
+}
+
+// The value of `key` in the first JSON object line whose event is `name`.
+std::string eventLine(const std::string& output, const std::string& name) {
+  std::istringstream lines(output);
+  for (std::string line; std::getline(lines, line);)
+    if (line.find("\"event\":\"" + name + "\"") != std::string::npos) return line;
+  return {};
+}
+
+std::string firstUID(const std::string& output) {
+  static const std::regex uid("\"uid\":\"([0-9A-F-]{36})\"");
+  std::smatch m;
+  return std::regex_search(output, m, uid) ? m[1].str() : std::string();
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// The engine, a disk and two users: ann (1500) with a small generated
+// home holding Documents/report.txt, and bob (1501) with an empty one.
+class ClientBus {
+ public:
+  static std::optional<std::string> unavailableReason() {
+    if (auto reason = EngineFixture::unavailableReason()) return reason;
+    return FileSystemImage::unavailableReason(FileSystemImage::Kind::Ext4);
+  }
+
+  explicit ClientBus(const std::string& files = "200", const std::string& bytes = "4M")
+      : ann(f.users().addUser("ann", 1500, 1500, "Ann Example")), bob(f.users().addUser("bob", 1501, 1501)) {
+    std::filesystem::remove(ann.home);
+    if (skerrow_test::runCommand({SKERROW_MAKE_HOME, "-q", "-n", files, "-b", bytes, ann.home}).exitCode != 0)
+      throw std::runtime_error("skerrow_make_home failed");
+    std::filesystem::create_directories(ann.home + "/Documents");
+    std::ofstream(ann.home + "/Documents/report.txt") << "The first draft.\n";
+    skerrow_test::runCommand({"chown", "-R", "-h", "1500:1500", ann.home});
+    disk = std::make_unique<FileSystemImage>(FileSystemImage::Kind::Ext4, 256ull << 20,
+                                             skerrow_test::FileSystemImageOptions{.label = "Backup"});
+    // Like /media/<user>: users reach the disk (skerrowctl reads their backup folders directly).
+    std::filesystem::permissions(disk->folder(), std::filesystem::perms(0755));
+    engine = &f.startEngine({"-noRealtime"});
+  }
+
+  // Starts skerrowctl (or the probe) as `user` without waiting.
+  std::unique_ptr<DaemonProcess> start(const TestUser& user, const std::vector<std::string>& arguments,
+                                       const char* program = SKERROWCTL_PATH) {
+    skerrow_test::DaemonProcessOptions options;
+    options.environment = f.clientEnvironment();
+    options.runAs = RunAs{user.uid, user.gid};
+    options.workingDirectory = "/";
+    return std::make_unique<DaemonProcess>(program, arguments, options);
+  }
+  Outcome run(const TestUser& user, const std::vector<std::string>& arguments,
+              const char* program = SKERROWCTL_PATH, std::chrono::milliseconds timeout = 120s) {
+    auto process = start(user, arguments, program);
+    Outcome outcome;
+    outcome.status = process->waitForExit(timeout).value_or(-1);
+    outcome.output = process->logText();
+    return outcome;
+  }
+  Outcome probe(const TestUser& user, const std::vector<std::string>& arguments) {
+    return run(user, arguments, SKERROW_BUS_CLIENT_PROBE);
+  }
+  // A new backup of ann on the disk, every category scheduled.
+  std::string manage(const std::vector<std::string>& more = {}) {
+    std::vector<std::string> arguments = {"--json", "manage", disk->mountPoint()};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    const Outcome managed = run(ann, arguments);
+    EXPECT_EQ(managed.status, 0) << managed.output;
+    return firstUID(managed.output);
+  }
+  std::string annsList() { return run(ann, {"--json", "list"}).output; }
+
+  EngineFixture f;
+  const TestUser& ann;
+  const TestUser& bob;
+  std::unique_ptr<FileSystemImage> disk;
+  DaemonProcess* engine = nullptr;
+};
+
+#define SKIP_WITHOUT_CLIENT_BUS() \
+  if (auto reason = ClientBus::unavailableReason()) GTEST_SKIP() << *reason
+
+TEST(ClientBusTest, ANewBackupIsUnscheduledAndPersistentWithPeriodAndDepthZero) {
+  SKIP_WITHOUT_CLIENT_BUS();
+  ClientBus bus;
+  const Outcome managed = bus.run(bus.ann, {"--json", "manage", bus.disk->mountPoint()});
+  ASSERT_EQ(managed.status, 0) << managed.output;
+  EXPECT_NE(managed.output.find("\"scheduled\":false,\"persistent\":true,\"period\":0,\"versionDepth\":0"),
+            std::string::npos)
+      << managed.output;
+  const std::string uid = firstUID(managed.output);
+  struct stat folder {};
+  ASSERT_EQ(lstat((bus.disk->mountPoint() + "/qs skerrow.skstor/" + uid).c_str(), &folder), 0);
+  EXPECT_EQ(folder.st_uid, 1500u);
+  EXPECT_EQ(folder.st_mode & 07777, 0700u);
+  EXPECT_TRUE(std::filesystem::exists(bus.disk->mountPoint() + "/qs skerrow.skstor/" + uid + "/.com.qsc.backupinfo"));
+}
+
+TEST(ClientBusTest, ManagingADiskWithAStorageFolderReusesItAndAddsOneBackupFolder) {
+  SKIP_WITHOUT_CLIENT_BUS();
+  ClientBus bus;
+  const std::string first = bus.manage();
+  const std::string second = bus.manage();
+  ASSERT_FALSE(first.empty());
+  ASSERT_FALSE(second.empty());
+  EXPECT_NE(first, second);
+  std::vector<std::string> folders;
+  for (const auto& item : std::filesystem::directory_iterator(bus.disk->mountPoint() + "/qs skerrow.skstor"))
+    folders.push_back(item.path().filename());
+  std::sort(folders.begin(), folders.end());
+  std::vector<std::string> expected = {first, second};
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(folders, expected);
+}
+
+TEST(ClientBusTest, TheDatabaseOfAUserWithoutBackupsIsEmpty) {
+  SKIP_WITHOUT_CLIENT_BUS();
+  ClientBus bus;
+  bus.manage();
+  const Outcome listed = bus.run(bus.bob, {"--json", "list"});
+  EXPECT_EQ(listed.status, 0) << listed.output;
+  EXPECT_EQ(listed.output, "[]\n");
+}
+
+TEST(ClientBusTest, TakingOverAPersistentBackupOrAnotherUsersChangesNothing) {
+  SKIP_WITHOUT_CLIENT_BUS();
+  ClientBus bus;
+  const std::string uid = bus.manage();
+  const std::string before = bus.annsList();
+  EXPECT_EQ(bus.run(bus.ann, {"adopt", uid}).status, 0);  // already persistent: nothing to do
+  const Outcome intruded = bus.probe(bus.bob, {"intrude", uid});
+  EXPECT_NE(intruded.output.find("takeOverGuestBackup ok"), std::string::npos) << intruded.output;
+  EXPECT_EQ(bus.annsList(), before);
+}
+
+TEST(ClientBusTest, AnUnknownCategoryChangesNoCategoryButTheDatabaseIsStillSaved) {
+  SKIP_WITHOUT_CLIENT_BUS();
+  ClientBus bus;
+  const std::string uid = bus.manage();
+  const size_t saves = bus.engine->countLogLines(kSaved);
+  const Outcome probed = bus.probe(bus.ann, {"category", uid, "Nope"});
+  ASSERT_EQ(probed.status, 0) << probed.output;
+  EXPECT_NE(probed.output.find(uid + " Documents=1 Mail=1 Movies=1 Music=1 Other=1 Pictures=1"), std::string::npos)
+      << probed.output;
+  EXPECT_EQ(probed.output.find("Nope"), std::string::npos);
+  EXPECT_EQ(bus.engine->countLogLines(kSaved), saves + 1) << bus.engine->logText();
+}
+
+// The whole journey: a disk, a backup with the six callbacks, a change, a
+// second backup, the versions of the changed file, and a restore.
+TEST(ClientBusTest, FullJourneyWithSkerrowctl) {
+  SKIP_WITHOUT_CLIENT_BUS();
+  ClientBus bus;
+  const std::string uid = bus.manage({"--depth", "3"});
+  ASSERT_FALSE(uid.empty());
+
+  const Outcome first = bus.run(bus.ann, {"--json", "backup"});
+  ASSERT_EQ(first.status, 0) << first.output;
+  std::vector<std::string> phases;
+  for (const auto& name : events(first.output))
+    if (name.find("started") == 0 || name.find("finished") == 0) phases.push_back(name);
+  const std::vector<std::string> expected = {"startedSourceTally",
+                                             "finishedSourceTally",
+                                             "startedDestinationTally_withUID",
+                                             "finishedDestinationTally_withUID",
+                                             "startedTransferTally_withUID",
+                                             "finishedTransferTally_withUID"};
+  EXPECT_EQ(phases, expected) << first.output;
+  // The counts of the finished transfer were read by reference from the engine's tally.
+  const std::string finished = eventLine(first.output, "finishedTransferTally_withUID");
+  static const std::regex counts("\"transferred\":\\{\"files\":(\\d+),\"bytes\":(\\d+)\\},"
+                                 "\"expected\":\\{\"files\":(\\d+),\"bytes\":(\\d+)\\}");
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(finished, m, counts)) << finished;
+  EXPECT_GT(std::stoll(m[1]), 100);
+  EXPECT_EQ(m[1], m[3]);
+  EXPECT_EQ(m[2], m[4]);
+  EXPECT_NE(first.output.find("\"event\":\"end\",\"uid\":\"" + uid + "\",\"completed\":true"), std::string::npos);
+
+  std::ofstream(bus.ann.home + "/Documents/report.txt") << "The second draft, longer.\n";
+  const Outcome second = bus.run(bus.ann, {"--json", "backup", uid});
+  ASSERT_EQ(second.status, 0) << second.output;
+  EXPECT_NE(eventLine(second.output, "finishedTransferTally_withUID").find("\"transferred\":{\"files\":1,"),
+            std::string::npos)
+      << second.output;
+
+  const Outcome versions = bus.run(bus.ann, {"--json", "versions", "Documents/report.txt"});
+  ASSERT_EQ(versions.status, 0) << versions.output;
+  EXPECT_NE(versions.output.find("\"version\":0,\"size\":17"), std::string::npos) << versions.output;
+  EXPECT_NE(versions.output.find("\"version\":1,\"size\":26"), std::string::npos) << versions.output;
+
+  const std::string elsewhere = bus.ann.home + "/restored-draft.txt";
+  const Outcome restored = bus.run(bus.ann, {"restore", "Documents/report.txt", "--version", "0", "--to", elsewhere});
+  ASSERT_EQ(restored.status, 0) << restored.output;
+  EXPECT_EQ(readFile(elsewhere), "The first draft.\n");
+  // Never over an existing file unless asked.
+  EXPECT_NE(bus.run(bus.ann, {"restore", "Documents/report.txt", "--version", "0", "--to", elsewhere}).status, 0);
+}
+
+TEST(ClientBusTest, AClientReadingTheTallyInsideEveryCallbackDoesNotDeadlockTheEngine) {
+  SKIP_WITHOUT_CLIENT_BUS();
+  ClientBus bus("1500", "60M");
+  bus.manage();
+  // skerrowctl reads the lent tally from inside each callback, while the engine waits for the callback's reply.
+  const auto started = std::chrono::steady_clock::now();
+  const Outcome backup = bus.run(bus.ann, {"--json", "backup"}, SKERROWCTL_PATH, 120s);
+  ASSERT_EQ(backup.status, 0) << backup.output;
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 60s);
+  size_t tallyEvents = 0;
+  for (const auto& name : events(backup.output))
+    if (name.find("Tally") != std::string::npos) ++tallyEvents;
+  EXPECT_GE(tallyEvents, 6u);
+  EXPECT_EQ(bus.run(bus.ann, {"heartbeat"}).status, 0);
+}
+
+TEST(ClientBusTest, AClientKilledInTheMiddleOfABackupIsDroppedAndTheBackupFinishes) {
+  SKIP_WITHOUT_CLIENT_BUS();
+  ClientBus bus("3000", "160M");
+  bus.manage();
+  const size_t saves = bus.engine->countLogLines(kSaved);
+  auto client = bus.start(bus.ann, {"--json", "backup"});
+  ASSERT_TRUE(client->waitForLogLine("\"event\":\"startedTransferTally_withUID\"", 120s)) << client->logText();
+  kill(client->pid(), SIGKILL);
+  EXPECT_EQ(client->waitForExit(10s), 128 + SIGKILL);
+  // The backup goes on without its client and records its completion.
+  const auto deadline = std::chrono::steady_clock::now() + 120s;
+  while (bus.engine->countLogLines(kSaved) == saves && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(100ms);
+  ASSERT_GT(bus.engine->countLogLines(kSaved), saves) << bus.engine->logText();
+  const std::string list = bus.annsList();
+  EXPECT_EQ(list.find("\"lastCompletion\":null"), std::string::npos) << list;
+  // The client was dropped: the callback that failed left no trace line.
+  EXPECT_FALSE(bus.engine->waitForLogLine("finishedTransferTally", 1ms)) << bus.engine->logText();
+  EXPECT_TRUE(bus.engine->isRunning());
+}
+
+TEST(ClientBusTest, AClientClaimingAnotherUsersNameIsRefused) {
+  SKIP_WITHOUT_CLIENT_BUS();
+  ClientBus bus;
+  bus.manage();
+  const Outcome claimed = bus.run(bus.bob, {"--user", "ann", "list"});
+  EXPECT_EQ(claimed.status, 3) << claimed.output;
+  EXPECT_NE(claimed.output.find("the engine refused"), std::string::npos) << claimed.output;
+  const Outcome probed = bus.probe(bus.bob, {"--user", "ann", "intrude", "x"});
+  EXPECT_EQ(probed.status, 3) << probed.output;
+  EXPECT_NE(probed.output.find("org.freedesktop.DBus.Error.AccessDenied"), std::string::npos) << probed.output;
+  EXPECT_TRUE(bus.engine->waitForLogLine("Refused a backup service to uid 1501 claiming to act for \"ann\"", 1s));
+}
+
+TEST(ClientBusTest, AnotherUserNeitherReadsNorStartsNorChangesABackupButMayCancelIt) {
+  SKIP_WITHOUT_CLIENT_BUS();
+  ClientBus bus;
+  const std::string uid = bus.manage({"--depth", "4", "--period", "600"});
+  const std::string before = bus.annsList();
+  const size_t starts = bus.engine->countLogLines("Will try to piggyback if possible");
+  const Outcome intruded = bus.probe(bus.bob, {"intrude", uid});
+  ASSERT_EQ(intruded.status, 0) << intruded.output;
+  for (const char* line : {"database ok 0", "versionDepthForBackup ok 0", "isScheduled ok 0",
+                           "periodForBackup ok 0.000000", "userInfoForBackup_forCategory ok 0",
+                           "stopManagingBackup ok 0", "cancelBackup ok sent"})
+    EXPECT_NE(intruded.output.find(line), std::string::npos) << line << "\n" << intruded.output;
+  EXPECT_EQ(bus.annsList(), before);
+  EXPECT_EQ(bus.engine->countLogLines("Will try to piggyback if possible"), starts);
+}
+
+TEST(ClientBusTest, AHundredMalformedRequestsChangeNothingAndTheEngineStillAnswersWithin100ms) {
+  SKIP_WITHOUT_CLIENT_BUS();
+  ClientBus bus;
+  const std::string uid = bus.manage();
+  const std::string before = bus.annsList();
+  const Outcome probed = bus.probe(bus.ann, {"malformed"});
+  ASSERT_EQ(probed.status, 0) << probed.output;
+  EXPECT_NE(probed.output.find("malformed 100 sent"), std::string::npos) << probed.output;
+  EXPECT_TRUE(bus.engine->isRunning()) << bus.engine->logText();
+  EXPECT_EQ(bus.annsList(), before);
+  auto connection = sdbus::createSessionBusConnectionWithAddress(bus.f.bus().address());
+  auto server = sdbus::createProxy(*connection, "com.qsc.skerrow", "/com/qsc/skerrow");
+  const auto asked = std::chrono::steady_clock::now();
+  bool supports = true;
+  server->callMethod("supportsContinuousBackup")
+      .onInterface("com.qsc.skerrow.QSSkerrowServerProtocol")
+      .storeResultsTo(supports);
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, 100ms);
+  EXPECT_FALSE(supports);  // started with -noRealtime
+  EXPECT_FALSE(uid.empty());
+}
+
+}  // namespace
