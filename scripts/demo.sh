@@ -32,7 +32,7 @@ step() { printf '\n\033[1m==> %s\033[0m\n' "$*"; }
 
 step "Installing what is missing and building"
 scripts/install-deps.sh
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake -S . -B "$build" -G Ninja >/dev/null
 cmake --build "$build" --target skerrowd skerrowctl skerrow_make_home
 bin="$top/$build/bin"
 make_home=$(find "$top/$build" -name skerrow_make_home -type f -perm -u+x | head -n1)

@@ -5,6 +5,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "Engine/QSBackupEntry.h"
+#include "Engine/QSBackupError.h"
 #include "Engine/QSMutableTally.h"
 #include "ipc/SkerrowProxies.h"
 #include "platform/Exception.h"
@@ -106,3 +107,32 @@ TEST(WireCodingTest, AStructThatDoesNotFitTheRecordRaises) {
   auto e = QSBackupEntry::initWithUID("U");
   EXPECT_THROW(wire::toWire<Short>(*e), platform::Exception);
 }
+
+namespace {
+
+// An error record with every optional field travels whole, and one without them as empty arrays.
+TEST(WireCodingTest, ErrorRecordsTravelWithTheirOptionalFieldsAsArrays) {
+  auto error = QSBackupError::initWithUID_sourcePath_destinationPath_message_code("UID-1", "/home/ann/a.txt",
+                                                                                   "/mnt/b/a@0.txt", "No space", 28);
+  error->setSourceBytes(4096);
+  error->setSourceModificationDate(platform::Date(1000.5));
+  const auto wire = wire::toWire<wire::ErrorWire>(*error);
+  EXPECT_EQ(std::get<0>(wire), 28);
+  EXPECT_EQ(std::get<1>(wire), 4096);
+  EXPECT_EQ(std::get<2>(wire), std::vector<std::string>{"UID-1"});
+  EXPECT_EQ(std::get<3>(wire), "No space");
+  EXPECT_EQ(std::get<4>(wire), "/mnt/b/a@0.txt");
+  EXPECT_EQ(std::get<5>(wire), std::vector<std::string>{"/home/ann/a.txt"});
+  EXPECT_EQ(std::get<6>(wire), std::vector<double>{1000.5});
+  const auto back = wire::fromWire<QSBackupError>(wire);
+  EXPECT_EQ(back->description(), error->description());
+
+  auto bare = QSBackupError::initWithUID_sourcePath_destinationPath_message_code(std::nullopt, std::nullopt, "/d",
+                                                                                  "m", 1);
+  const auto bareWire = wire::toWire<wire::ErrorWire>(*bare);
+  EXPECT_TRUE(std::get<2>(bareWire).empty());
+  EXPECT_TRUE(std::get<5>(bareWire).empty());
+  EXPECT_TRUE(std::get<6>(bareWire).empty());
+}
+
+}  // namespace

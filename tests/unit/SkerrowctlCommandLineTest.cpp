@@ -1,0 +1,87 @@
+#include "tools/skerrowctl/CommandLine.h"
+
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "tools/skerrowctl/Commands.h"
+#include "tools/skerrowctl/Json.h"
+
+namespace {
+
+using skerrowctl::CommandLine;
+using skerrowctl::Json;
+
+std::optional<CommandLine> parse(const std::vector<std::string>& argv, std::string* error) {
+  return CommandLine::parse(argv, skerrowctl::commandTable(), error);
+}
+
+TEST(SkerrowctlCommandLineTest, GlobalOptionsComeBeforeTheCommandAndItsOwnAfter) {
+  std::string error;
+  const auto line = parse({"--json", "--user", "ann", "--max-errors", "3", "restore", "Documents/a.txt", "--version",
+                           "2", "--to", "/tmp/x", "--overwrite"},
+                          &error);
+  ASSERT_TRUE(line) << error;
+  EXPECT_TRUE(line->json);
+  EXPECT_EQ(line->user, "ann");
+  EXPECT_EQ(line->maximumErrors, 3u);
+  EXPECT_STREQ(line->command->name, "restore");
+  EXPECT_EQ(line->arguments, std::vector<std::string>{"Documents/a.txt"});
+  EXPECT_EQ(line->value("--version"), "2");
+  EXPECT_EQ(line->value("--to"), "/tmp/x");
+  EXPECT_TRUE(line->has("--overwrite"));
+}
+
+TEST(SkerrowctlCommandLineTest, MistakesAreRefusedWithAReason) {
+  std::string error;
+  EXPECT_FALSE(parse({}, &error));
+  EXPECT_EQ(error, "no command given");
+  EXPECT_FALSE(parse({"explode"}, &error));
+  EXPECT_EQ(error, "unknown command \"explode\"");
+  EXPECT_FALSE(parse({"versions"}, &error));
+  EXPECT_EQ(error, "\"versions\" needs more arguments");
+  EXPECT_FALSE(parse({"cancel", "a", "b"}, &error));
+  EXPECT_EQ(error, "\"cancel\" takes fewer arguments");
+  EXPECT_FALSE(parse({"list", "--overwrite"}, &error));
+  EXPECT_EQ(error, "\"list\" has no option --overwrite");
+  EXPECT_FALSE(parse({"restore", "a", "--to"}, &error));
+  EXPECT_EQ(error, "--to needs a value");
+  EXPECT_FALSE(parse({"--max-errors", "many", "list"}, &error));
+  EXPECT_FALSE(parse({"--frobnicate", "list"}, &error));
+}
+
+TEST(SkerrowctlCommandLineTest, DoubleDashEndsOptionsSoPathsMayStartWithDashes) {
+  std::string error;
+  const auto line = parse({"versions", "--", "--odd name"}, &error);
+  ASSERT_TRUE(line) << error;
+  EXPECT_EQ(line->arguments, std::vector<std::string>{"--odd name"});
+}
+
+TEST(SkerrowctlCommandLineTest, HelpNeedsNoEngineAndExplainsEveryCommand) {
+  std::ostringstream out, err;
+  EXPECT_EQ(skerrowctl::run({"--help"}, out, err), 0);
+  for (const auto& spec : skerrowctl::commandTable())
+    EXPECT_NE(out.str().find(std::string("  ") + spec.name + " "), std::string::npos) << spec.name;
+  std::ostringstream one;
+  EXPECT_EQ(skerrowctl::run({"restore", "--help"}, one, err), 0);
+  EXPECT_NE(one.str().find("--overwrite"), std::string::npos);
+  std::ostringstream bad;
+  EXPECT_EQ(skerrowctl::run({"explode"}, out, bad), 2);
+  EXPECT_NE(bad.str().find("unknown command"), std::string::npos);
+}
+
+TEST(SkerrowctlJsonTest, WritesEscapedStringsNumbersAndNestedValuesInOrder) {
+  Json value = Json::object()
+                   .set("name", "a \"quoted\"\\ line\nwith\ttabs\x01")
+                   .set("count", int64_t(-3))
+                   .set("ratio", 0.5)
+                   .set("missing", Json())
+                   .set("ok", true)
+                   .set("list", Json::array().push(1).push("two"));
+  EXPECT_EQ(value.dump(),
+            "{\"name\":\"a \\\"quoted\\\"\\\\ line\\nwith\\ttabs\\u0001\",\"count\":-3,\"ratio\":0.5,"
+            "\"missing\":null,\"ok\":true,\"list\":[1,\"two\"]}");
+  EXPECT_EQ(Json(1.0 / 0.0).dump(), "null");
+}
+
+}  // namespace
