@@ -60,8 +60,8 @@ TEST(SkerrowctlCommandLineTest, DoubleDashEndsOptionsSoPathsMayStartWithDashes) 
 TEST(SkerrowctlCommandLineTest, HelpNeedsNoEngineAndExplainsEveryCommand) {
   std::ostringstream out, err;
   EXPECT_EQ(skerrowctl::run({"--help"}, out, err), 0);
-  for (const auto& spec : skerrowctl::commandTable())
-    EXPECT_NE(out.str().find(std::string("  ") + spec.name + " "), std::string::npos) << spec.name;
+  for (const auto& entry : skerrowctl::commandTable())
+    EXPECT_NE(out.str().find(std::string("  ") + entry.name + " "), std::string::npos) << entry.name;
   std::ostringstream one;
   EXPECT_EQ(skerrowctl::run({"restore", "--help"}, one, err), 0);
   EXPECT_NE(one.str().find("--overwrite"), std::string::npos);

@@ -28,7 +28,7 @@ std::optional<std::string> CommandLine::value(const std::string& option) const {
 }
 
 std::optional<CommandLine> CommandLine::parse(const std::vector<std::string>& argv,
-                                              const std::vector<CommandSpec>& table, std::string* error) {
+                                              const std::vector<CommandEntry>& table, std::string* error) {
   CommandLine line;
   size_t i = 0;
   auto fail = [&](std::string why) -> std::optional<CommandLine> {
@@ -61,9 +61,9 @@ std::optional<CommandLine> CommandLine::parse(const std::vector<std::string>& ar
     return fail("no command given");
   }
   const std::string& name = argv[i++];
-  const auto spec = std::find_if(table.begin(), table.end(), [&](const CommandSpec& s) { return name == s.name; });
-  if (spec == table.end()) return fail("unknown command \"" + name + "\"");
-  line.command = &*spec;
+  const auto entry = std::find_if(table.begin(), table.end(), [&](const CommandEntry& s) { return name == s.name; });
+  if (entry == table.end()) return fail("unknown command \"" + name + "\"");
+  line.command = &*entry;
   bool optionsEnded = false;
   for (; i < argv.size(); ++i) {
     const std::string& word = argv[i];
@@ -72,21 +72,21 @@ std::optional<CommandLine> CommandLine::parse(const std::vector<std::string>& ar
     } else if (!optionsEnded && (word == "--help" || word == "-h")) {
       line.help = true;
     } else if (!optionsEnded && word.size() > 2 && word.compare(0, 2, "--") == 0) {
-      if (contains(spec->switches, word)) {
+      if (contains(entry->switches, word)) {
         line.switches.insert(word);
-      } else if (contains(spec->valueOptions, word)) {
+      } else if (contains(entry->valueOptions, word)) {
         if (i + 1 >= argv.size()) return fail(word + " needs a value");
         line.values[word] = argv[++i];
       } else {
-        return fail(std::string("\"") + spec->name + "\" has no option " + word);
+        return fail(std::string("\"") + entry->name + "\" has no option " + word);
       }
     } else {
       line.arguments.push_back(word);
     }
   }
   if (line.help) return line;
-  if (line.arguments.size() < spec->minArguments) return fail(std::string("\"") + spec->name + "\" needs more arguments");
-  if (line.arguments.size() > spec->maxArguments) return fail(std::string("\"") + spec->name + "\" takes fewer arguments");
+  if (line.arguments.size() < entry->minArguments) return fail(std::string("\"") + entry->name + "\" needs more arguments");
+  if (line.arguments.size() > entry->maxArguments) return fail(std::string("\"") + entry->name + "\" takes fewer arguments");
   return line;
 }
 

@@ -12,7 +12,7 @@
 namespace skerrowctl {
 
 // What a command accepts, and how it is explained.
-struct CommandSpec {
+struct CommandEntry {
   const char* name;
   const char* synopsis;  // arguments and options after the name
   const char* summary;   // one line
@@ -31,7 +31,7 @@ struct CommandLine {
   uint64_t maximumErrors = 0;
   bool help = false;
 
-  const CommandSpec* command = nullptr;
+  const CommandEntry* command = nullptr;
   std::vector<std::string> arguments;
   std::map<std::string, std::string> values;
   std::set<std::string> switches;
@@ -40,7 +40,7 @@ struct CommandLine {
   std::optional<std::string> value(const std::string& option) const;
 
   // Parses argv; answers the command line, or nothing with the reason.
-  static std::optional<CommandLine> parse(const std::vector<std::string>& argv, const std::vector<CommandSpec>& table,
+  static std::optional<CommandLine> parse(const std::vector<std::string>& argv, const std::vector<CommandEntry>& table,
                                           std::string* error);
 };
 

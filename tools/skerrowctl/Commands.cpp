@@ -532,9 +532,9 @@ const std::map<std::string, Runner>& runners() {
 void printUsage(std::ostream& out) {
   out << "Usage: skerrowctl [--json] [--session] [--user NAME] [--max-errors N] COMMAND [ARGUMENTS]\n\n"
          "Talks to the Skerrow backup engine (skerrowd) for the user running it.\n\nCommands:\n";
-  for (const auto& spec : commandTable()) {
-    const std::string head = std::string(spec.name) + " " + spec.synopsis;
-    out << "  " << head << std::string(head.size() < 44 ? 44 - head.size() : 1, ' ') << spec.summary << "\n";
+  for (const auto& entry : commandTable()) {
+    const std::string head = std::string(entry.name) + " " + entry.synopsis;
+    out << "  " << head << std::string(head.size() < 44 ? 44 - head.size() : 1, ' ') << entry.summary << "\n";
   }
   out << "\nGlobal options:\n"
          "  --json           machine-readable output (one JSON document or event per line)\n"
@@ -546,8 +546,8 @@ void printUsage(std::ostream& out) {
 
 }  // namespace
 
-const std::vector<CommandSpec>& commandTable() {
-  static const std::vector<CommandSpec> table{
+const std::vector<CommandEntry>& commandTable() {
+  static const std::vector<CommandEntry> table{
       {"list", "", "list your backups on mounted disks", "Shows uid, volume, schedule, period, version depth, scheduled categories, last completed backup and mount point of each of your backups.", 0, 0, {}, {}},
       {"manage", "DISK [--depth N] [--period SECONDS] [--categories LIST]", "start backing up onto a disk",
        "DISK is the kernel name of a mounted disk (sdb1) or a path on it (/media/backup). The engine makes the folder \"qs skerrow.skstor/<uid>\" on it, owned by you, and prints the new backup's uid. --depth keeps N versions of each file; --period sets the schedule's interval; --categories backs up only the categories listed (comma-separated; default: all of Pictures, Music, Movies, Mail, Documents, Other).", 1, 1, {"--depth", "--period", "--categories"}, {}},

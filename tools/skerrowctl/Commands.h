@@ -15,7 +15,7 @@
 
 namespace skerrowctl {
 
-const std::vector<CommandSpec>& commandTable();
+const std::vector<CommandEntry>& commandTable();
 int run(const std::vector<std::string>& argv, std::ostream& out, std::ostream& err);
 
 }  // namespace skerrowctl
