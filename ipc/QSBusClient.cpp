@@ -99,10 +99,22 @@ void QSBusClient::connect(const std::shared_ptr<QSCallbackBus>& bus, platform::R
       askString(proxy, "longUserName", [query, finish, &proxy](std::string longName, std::string why) {
         if (!why.empty()) return finish(query, why);
         query->names.longUserName = std::move(longName);
-        askString(proxy, "userHome", [query, finish](std::string home, std::string why) {
+        askString(proxy, "userHome", [query, finish, &proxy](std::string home, std::string why) {
           if (!why.empty()) return finish(query, why);
           query->names.userHome = std::move(home);
-          finish(query, {});
+          auto message = proxy.createMethodCall(kInterface, "maximumContiguousErrorsClientWants");
+          proxy.callMethod(
+              message,
+              [query, finish](sdbus::MethodReply& reply, const sdbus::Error* error) {
+                if (error) return finish(query, describe(*error));
+                try {
+                  reply >> query->names.maximumContiguousErrors;
+                } catch (const sdbus::Error& e) {
+                  return finish(query, describe(e));
+                }
+                finish(query, {});
+              },
+              kCallTimeout);
         });
       });
     });
@@ -116,7 +128,8 @@ QSBusClient::QSBusClient(std::shared_ptr<QSCallbackBus> bus, uint64_t peer, std:
       destination_(std::move(destination)),
       shortUserName_(std::move(names.shortUserName)),
       longUserName_(std::move(names.longUserName)),
-      userHome_(std::move(names.userHome)) {}
+      userHome_(std::move(names.userHome)),
+      maximumContiguousErrorsAtConnection_(names.maximumContiguousErrors) {}
 
 QSBusClient::~QSBusClient() { bus_->forgetPeer(peer_); }
 
@@ -244,7 +257,8 @@ void QSBusClient::stoppedDueToErrorsForBackup(const std::string& uid) {
 }
 
 uint64_t QSBusClient::maximumContiguousErrorsClientWants() {
-  if (platform::OVThread::isMainThread()) return 0;
+  if (isGone()) raiseGone();
+  if (platform::OVThread::isMainThread()) return maximumContiguousErrorsAtConnection_;
   auto maximum = std::make_shared<uint64_t>(0);
   call("maximumContiguousErrorsClientWants", [](sdbus::MethodCall&, Peer&) {},
        [maximum](sdbus::MethodReply& reply) { reply >> *maximum; });

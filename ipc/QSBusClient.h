@@ -4,12 +4,14 @@
 //
 // Names: the client is asked once, by `connect`, for its short name, long
 // name and home folder; the answers are kept and answered from then on.
+// `connect` also asks its error limit, which the main thread is answered
+// with later (other threads ask the client each time).
 //
 // Calls: every callback is sent on the callback bus's thread.  A thread
 // other than the main one waits for the reply (at most kCallTimeout; the
 // client may read lent tallies or call the engine meanwhile).  The main
-// thread never waits for a client: it sends and goes on, and a query asked
-// from it answers 0.  `error` is one-way: nobody waits for it.  A call that
+// thread never waits for a client: it sends and goes on (the error limit is
+// answered from the connection's answer).  `error` is one-way: nobody waits for it.  A call that
 // fails (no such name or object, no reply within the time-out, an error
 // reply) raises platform::Exception, and so does every call after it: the
 // client is taken for gone, which is how QSSkerrowClientProxy learns to
@@ -85,6 +87,7 @@ class QSBusClient : public QSBackupClientProtocol {
     std::string shortUserName;
     std::string longUserName;
     std::string userHome;
+    uint64_t maximumContiguousErrors = 0;
   };
   QSBusClient(std::shared_ptr<QSCallbackBus> bus, uint64_t peer, std::string destination, Names names);
 
@@ -103,5 +106,6 @@ class QSBusClient : public QSBackupClientProtocol {
   const std::string shortUserName_;
   const std::string longUserName_;
   const std::string userHome_;
+  const uint64_t maximumContiguousErrorsAtConnection_;
   const std::shared_ptr<std::atomic<bool>> gone_ = std::make_shared<std::atomic<bool>>(false);
 };

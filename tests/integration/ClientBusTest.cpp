@@ -73,7 +73,8 @@ class ClientBus {
     return FileSystemImage::unavailableReason(FileSystemImage::Kind::Ext4);
   }
 
-  explicit ClientBus(const std::string& files = "200", const std::string& bytes = "4M")
+  explicit ClientBus(const std::string& files = "200", const std::string& bytes = "4M",
+                     uint64_t diskBytes = 256ull << 20)
       : ann(f.users().addUser("ann", 1500, 1500, "Ann Example")), bob(f.users().addUser("bob", 1501, 1501)) {
     std::filesystem::remove(ann.home);
     if (skerrow_test::runCommand({SKERROW_MAKE_HOME, "-q", "-n", files, "-b", bytes, ann.home}).exitCode != 0)
@@ -81,7 +82,7 @@ class ClientBus {
     std::filesystem::create_directories(ann.home + "/Documents");
     std::ofstream(ann.home + "/Documents/report.txt") << "The first draft.\n";
     skerrow_test::runCommand({"chown", "-R", "-h", "1500:1500", ann.home});
-    disk = std::make_unique<FileSystemImage>(FileSystemImage::Kind::Ext4, 256ull << 20,
+    disk = std::make_unique<FileSystemImage>(FileSystemImage::Kind::Ext4, diskBytes,
                                              skerrow_test::FileSystemImageOptions{.label = "Backup"});
     // Like /media/<user>: users reach the disk (skerrowctl reads their backup folders directly).
     std::filesystem::permissions(disk->folder(), std::filesystem::perms(0755));
@@ -280,6 +281,60 @@ TEST(ClientBusTest, AClientKilledInTheMiddleOfABackupIsDroppedAndTheBackupFinish
   // The client was dropped: the callback that failed left no trace line.
   EXPECT_FALSE(bus.engine->waitForLogLine("finishedTransferTally", 1ms)) << bus.engine->logText();
   EXPECT_TRUE(bus.engine->isRunning());
+  // Every client has left the bus by now, and with them their services.
+  const auto withdrawn = std::chrono::steady_clock::now() + 10s;
+  std::string tree;
+  do {
+    tree = bus.f.busctl({"tree", "--list", "com.qsc.skerrow"}).output;
+  } while (tree.find("/com/qsc/skerrow/service/") != std::string::npos && std::chrono::steady_clock::now() < withdrawn);
+  EXPECT_EQ(tree.find("/com/qsc/skerrow/service/"), std::string::npos) << tree;
+}
+
+TEST(ClientBusTest, WithNoClientTheCallbacksAreLostWithoutATraceAndTheBackupStillRuns) {
+  SKIP_WITHOUT_CLIENT_BUS();
+  ClientBus bus;
+  const std::string uid = bus.manage({"--period", "1"});
+  ASSERT_EQ(bus.run(bus.ann, {"set", uid, "scheduled", "on"}).status, 0);
+  // A new engine knows no client; its timer (10 s with -noSchedule) starts the due backup.
+  bus.engine->stop();
+  bus.engine = &bus.f.startEngine({"-noRealtime", "-noSchedule"});
+  // No client is asked anything meanwhile: a client would register with the user's environment.
+  ASSERT_TRUE(bus.engine->waitForLogLine("backup for " + uid, 60s)) << bus.engine->logText();
+  // The completion is recorded (and saved) after the backup started.
+  auto savedAfterStart = [&] {
+    bool started = false;
+    for (const auto& line : bus.engine->logLines()) {
+      started = started || line.find("backup for " + uid) != std::string::npos;
+      if (started && line == kSaved) return true;
+    }
+    return false;
+  };
+  const auto deadline = std::chrono::steady_clock::now() + 60s;
+  while (!savedAfterStart() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(100ms);
+  EXPECT_TRUE(savedAfterStart()) << bus.engine->logText();
+  EXPECT_EQ(readFile(bus.disk->mountPoint() + "/qs skerrow.skstor/" + uid + "/Documents/report@0.txt"),
+            "The first draft.\n");
+  EXPECT_FALSE(bus.engine->waitForLogLine("QSSkerrowClientProxy::", 1ms)) << bus.engine->logText();
+}
+
+// A disk too small for the home folder: every copy after the first few fails.
+TEST(ClientBusTest, WithAMaximumOfThreeTheFifthFailedCopyInARowStopsTheBackup) {
+  SKIP_WITHOUT_CLIENT_BUS();
+  ClientBus bus("400", "96M", 40ull << 20);
+  bus.manage();
+  const Outcome backup = bus.run(bus.ann, {"--json", "--max-errors", "3", "backup"});
+  EXPECT_EQ(backup.status, 1) << backup.output;
+  size_t errors = 0;
+  size_t stops = 0;
+  for (const auto& name : events(backup.output)) {
+    if (stops == 0 && name == "error") ++errors;
+    if (name == "stoppedDueToErrorsForBackup") ++stops;
+  }
+  EXPECT_EQ(stops, 1u) << backup.output;
+  // Four errors arrive before the stop (failures before that may have been
+  // interrupted by successful copies of small files, so at least four).
+  EXPECT_GE(errors, 4u) << backup.output;
+  EXPECT_NE(backup.output.find("\"completed\":false"), std::string::npos) << backup.output;
 }
 
 TEST(ClientBusTest, AClientClaimingAnotherUsersNameIsRefused) {
