@@ -44,7 +44,6 @@ class QSCallbackBus {
   bool post(std::function<void()> task);
   // The connection; on the callback thread only.
   sdbus::IConnection& connection() { return connection_->connection(); }
-  bool isCurrentThread() const { return std::this_thread::get_id() == thread_.get_id(); }
 
   // A new peer identifier, never given out before.
   uint64_t newPeerIdentifier() { return ++lastPeer_; }

@@ -350,7 +350,7 @@ TEST(ClientBusTest, AClientClaimingAnotherUsersNameIsRefused) {
   EXPECT_TRUE(bus.engine->waitForLogLine("Refused a backup service to uid 1501 claiming to act for \"ann\"", 1s));
 }
 
-TEST(ClientBusTest, AnotherUserNeitherReadsNorStartsNorChangesABackupButMayCancelIt) {
+TEST(ClientBusTest, AnotherUserNeitherReadsNorStartsNorChangesABackup) {
   SKIP_WITHOUT_CLIENT_BUS();
   ClientBus bus;
   const std::string uid = bus.manage({"--depth", "4", "--period", "600"});
@@ -364,6 +364,19 @@ TEST(ClientBusTest, AnotherUserNeitherReadsNorStartsNorChangesABackupButMayCance
     EXPECT_NE(intruded.output.find(line), std::string::npos) << line << "\n" << intruded.output;
   EXPECT_EQ(bus.annsList(), before);
   EXPECT_EQ(bus.engine->countLogLines("Will try to piggyback if possible"), starts);
+}
+
+TEST(ClientBusTest, AnotherUserMayCancelARunningBackup) {
+  SKIP_WITHOUT_CLIENT_BUS();
+  ClientBus bus("3000", "400M", 1ull << 30);
+  const std::string uid = bus.manage();
+  auto backup = bus.start(bus.ann, {"--json", "backup"});
+  ASSERT_TRUE(backup->waitForLogLine("\"event\":\"startedTransferTally_withUID\"", 120s)) << backup->logText();
+  const Outcome cancelled = bus.probe(bus.bob, {"cancel", uid});
+  EXPECT_EQ(cancelled.status, 0) << cancelled.output;
+  EXPECT_EQ(backup->waitForExit(120s), 1) << backup->logText();
+  EXPECT_NE(backup->logText().find("\"completed\":false"), std::string::npos) << backup->logText();
+  EXPECT_NE(bus.annsList().find("\"lastCompletion\":null"), std::string::npos);
 }
 
 TEST(ClientBusTest, AHundredMalformedRequestsChangeNothingAndTheEngineStillAnswersWithin100ms) {

@@ -10,6 +10,9 @@
 //       not mounted or look like paths, odd property-list values); prints
 //       "malformed <n> sent, <e> errors" and exits 0 when every request was
 //       answered or, one-way, sent
+//   skerrow_bus_client_probe [--user NAME] cancel UID
+//       cancels what runs for UID; prints "cancelled" once the engine has
+//       served the request
 //   skerrow_bus_client_probe [--user NAME] category UID NAME
 //       sets the scheduled flag of category NAME of UID, then prints the database
 //
@@ -118,7 +121,7 @@ int main(int argc, char** argv) {
     args.erase(args.begin(), args.begin() + 2);
   }
   if (args.empty()) {
-    std::cerr << "usage: skerrow_bus_client_probe [--user NAME] intrude UID | malformed | category UID NAME\n";
+    std::cerr << "usage: skerrow_bus_client_probe [--user NAME] intrude UID | malformed | cancel UID | category UID NAME\n";
     return 2;
   }
   QSClientCallbacks ignore;
@@ -126,6 +129,12 @@ int main(int argc, char** argv) {
     QSClientSession session(QSClientSession::Bus::System, identity, ignore);
     if (args[0] == "intrude" && args.size() == 2) return intrude(session, args[1]);
     if (args[0] == "malformed") return malformed(session);
+    if (args[0] == "cancel" && args.size() == 2) {
+      session.service().cancelBackup(args[1]);
+      session.service().heartbeat();  // served after the one-way cancel
+      std::cout << "cancelled\n";
+      return 0;
+    }
     if (args[0] == "category" && args.size() == 3) {
       session.service().setScheduled_forBackup_forCategory(true, args[1], args[2]);
       for (const auto& [uid, entry] : session.service().database()) {

@@ -56,25 +56,24 @@ struct Counts {
   int64_t bytes = 0;
   bool operator==(const Counts&) const = default;
 };
-inline Counts sourceCounts(const QSTally& t, const std::string& category) {
+// One view's counts, read with that view's getter.
+inline Counts countsOf(const QSTally& t, void (QSTally::*get)(int64_t*, int64_t*, const std::string&) const,
+                       const std::string& category) {
   Counts c;
-  t.getSourceFileCount_byteCount_forCategory(&c.files, &c.bytes, category);
+  (t.*get)(&c.files, &c.bytes, category);
   return c;
+}
+inline Counts sourceCounts(const QSTally& t, const std::string& category) {
+  return countsOf(t, &QSTally::getSourceFileCount_byteCount_forCategory, category);
 }
 inline Counts destinationCounts(const QSTally& t, const std::string& category) {
-  Counts c;
-  t.getDestinationFileCount_byteCount_forCategory(&c.files, &c.bytes, category);
-  return c;
+  return countsOf(t, &QSTally::getDestinationFileCount_byteCount_forCategory, category);
 }
 inline Counts transferredCounts(const QSTally& t, const std::string& category) {
-  Counts c;
-  t.getTransferredFileCount_byteCount_forCategory(&c.files, &c.bytes, category);
-  return c;
+  return countsOf(t, &QSTally::getTransferredFileCount_byteCount_forCategory, category);
 }
 inline Counts expectedCounts(const QSTally& t, const std::string& category) {
-  Counts c;
-  t.getExpectedFileCount_byteCount_forCategory(&c.files, &c.bytes, category);
-  return c;
+  return countsOf(t, &QSTally::getExpectedFileCount_byteCount_forCategory, category);
 }
 // Source files over every category of the source view.
 inline int64_t totalSourceFiles(const QSTally& t) {

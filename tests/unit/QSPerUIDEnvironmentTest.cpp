@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <mutex>
 #include <thread>
 
@@ -21,6 +22,22 @@ constexpr std::chrono::milliseconds kStopWait{5000};
 bool endsWith(const std::string& text, const std::string& suffix) {
   return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
+
+// The sleeps of an environment's thread: when each came (the number of
+// polls of the event queue so far) and how long it was to be.
+struct SleepLog {
+  std::mutex mutex;
+  std::vector<std::pair<uint64_t, uint32_t>> sleeps;
+  std::atomic<bool> done{false};
+  void add(uint64_t polls, uint32_t microseconds) {
+    std::lock_guard<std::mutex> lock(mutex);
+    sleeps.emplace_back(polls, microseconds);
+  }
+  std::vector<std::pair<uint64_t, uint32_t>> all() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return sleeps;
+  }
+};
 
 // One backup "U" of the home folder "ann" into "disk/U", with a client
 // attached to the user's environment.  The environment is not started
@@ -75,21 +92,27 @@ class QSPerUIDEnvironmentTest : public ::testing::Test {
   TokenDelegate delegate;
   std::mutex stagesMutex;
   std::vector<std::string> stages;
-};
 
-// The sleeps of an environment's thread: when each came (the number of
-// polls of the event queue so far) and how long it was to be.
-struct SleepLog {
-  std::mutex mutex;
-  std::vector<std::pair<uint64_t, uint32_t>> sleeps;
-  std::atomic<bool> done{false};
-  void add(uint64_t polls, uint32_t microseconds) {
-    std::lock_guard<std::mutex> lock(mutex);
-    sleeps.emplace_back(polls, microseconds);
-  }
-  std::vector<std::pair<uint64_t, uint32_t>> all() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return sleeps;
+  using Sleeps = std::vector<std::pair<uint64_t, uint32_t>>;
+  // Runs the thread until it has slept three times, then cancels it, and
+  // answers each sleep: the poll count at that moment and its length.
+  // `onSleep` runs after each recorded sleep with the number of sleeps so far.
+  Sleeps firstThreeSleeps(const std::function<void(size_t sleeps)>& onSleep = {}) {
+    SleepLog log;
+    QSPerUIDEnvironment* const env = environment.get();
+    environment->setSleepFunction([&log, env, &onSleep](uint32_t microseconds) {
+      log.add(env->realtimePollCount(), microseconds);
+      const size_t sleeps = log.all().size();
+      if (onSleep) onSleep(sleeps);
+      if (sleeps == 3) {
+        env->cancel();
+        log.done = true;
+      }
+    });
+    environment->start();
+    EXPECT_TRUE(skerrow_test::eventually([&] { return log.done.load(); }));
+    EXPECT_TRUE(environment->stopThread(kStopWait));
+    return log.all();
   }
 };
 
@@ -177,55 +200,21 @@ TEST_F(QSPerUIDEnvironmentTest, AnErrorLimitOfZeroNeverStopsTheBackup) {
 
 TEST_F(QSPerUIDEnvironmentTest, WithContinuousBackupAndNoEventsTheThreadPolls101TimesWithoutPauseAndThenPausesEveryPoll) {
   host.continuous = true;
-  SleepLog log;
-  QSPerUIDEnvironment* const env = environment.get();
-  environment->setSleepFunction([&log, env](uint32_t microseconds) {
-    log.add(env->realtimePollCount(), microseconds);
-    if (log.all().size() == 3) {
-      env->cancel();
-      log.done = true;
-    }
-  });
-  environment->start();
-  ASSERT_TRUE(skerrow_test::eventually([&] { return log.done.load(); }));
-  ASSERT_TRUE(environment->stopThread(kStopWait));
-  EXPECT_EQ(log.all(), (std::vector<std::pair<uint64_t, uint32_t>>{{101, 100000}, {102, 100000}, {103, 100000}}));
+  EXPECT_EQ(firstThreeSleeps(), (Sleeps{{101, 100000}, {102, 100000}, {103, 100000}}));
 }
 
 TEST_F(QSPerUIDEnvironmentTest, AnEventStartsANewRunOfPollsWithoutPause) {
   host.continuous = true;
-  SleepLog log;
   QSPerUIDEnvironment* const env = environment.get();
-  environment->setSleepFunction([&log, env](uint32_t microseconds) {
-    log.add(env->realtimePollCount(), microseconds);
-    const size_t sleeps = log.all().size();
+  const Sleeps sleeps = firstThreeSleeps([env](size_t sleeps) {
     if (sleeps == 1) env->enqueueFSEvent(std::make_shared<platform::Object>());
-    if (sleeps == 3) {
-      env->cancel();
-      log.done = true;
-    }
   });
-  environment->start();
-  ASSERT_TRUE(skerrow_test::eventually([&] { return log.done.load(); }));
-  ASSERT_TRUE(environment->stopThread(kStopWait));
   // Poll 102 takes the event; 100 empty polls follow before the next pause.
-  EXPECT_EQ(log.all(), (std::vector<std::pair<uint64_t, uint32_t>>{{101, 100000}, {203, 100000}, {204, 100000}}));
+  EXPECT_EQ(sleeps, (Sleeps{{101, 100000}, {203, 100000}, {204, 100000}}));
 }
 
 TEST_F(QSPerUIDEnvironmentTest, WithoutContinuousBackupTheIdleThreadPausesBeforeEveryLookAtItsQueue) {
-  SleepLog log;
-  QSPerUIDEnvironment* const env = environment.get();
-  environment->setSleepFunction([&log, env](uint32_t microseconds) {
-    log.add(env->realtimePollCount(), microseconds);
-    if (log.all().size() == 3) {
-      env->cancel();
-      log.done = true;
-    }
-  });
-  environment->start();
-  ASSERT_TRUE(skerrow_test::eventually([&] { return log.done.load(); }));
-  ASSERT_TRUE(environment->stopThread(kStopWait));
-  EXPECT_EQ(log.all(), (std::vector<std::pair<uint64_t, uint32_t>>{{0, 100000}, {0, 100000}, {0, 100000}}));
+  EXPECT_EQ(firstThreeSleeps(), (Sleeps{{0, 100000}, {0, 100000}, {0, 100000}}));
 }
 
 TEST_F(QSPerUIDEnvironmentTest, AfterABackupJobThatWasNotCancelledTheTokenIsRunOnceMoreBeforeTheQueueIsEmptied) {
