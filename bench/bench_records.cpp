@@ -5,9 +5,9 @@
 
 #include <string>
 
-#include "Engine/QSBackupEntry.h"
-#include "Engine/QSUUID.h"
-#include "Engine/QSVersionName.h"
+#include "Engine/records/QSBackupEntry.h"
+#include "Engine/records/QSUUID.h"
+#include "Engine/records/QSVersionName.h"
 #include "platform/PropertyList.h"
 
 static void BM_QSVersionName(benchmark::State& state) {

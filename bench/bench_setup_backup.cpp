@@ -7,10 +7,10 @@
 #include <filesystem>
 #include <string>
 
-#include "Engine/QSBackupAttributes.h"
-#include "Engine/QSBackupEntry.h"
-#include "Engine/QSCategoryIdentifiers.h"
-#include "Engine/QSSkerrowServer.h"
+#include "Engine/records/QSBackupAttributes.h"
+#include "Engine/records/QSBackupEntry.h"
+#include "Engine/records/QSCategoryIdentifiers.h"
+#include "Engine/server/QSSkerrowServer.h"
 #include "platform/PropertyList.h"
 
 int main(int argc, char** argv) {

@@ -18,9 +18,9 @@
 #include <functional>
 #include <string>
 
-#include "Engine/FSSourceTraversal.h"
-#include "Engine/QSBlackList.h"
-#include "Engine/QSSourceTreeBuilder.h"
+#include "Engine/files/FSSourceTraversal.h"
+#include "Engine/files/QSBlackList.h"
+#include "Engine/files/QSSourceTreeBuilder.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
-#include "Engine/QSSkerrowBackupService.h"
+#include "Engine/server/QSSkerrowBackupService.h"
 #include "ipc/SkerrowAdaptors.h"
 #include "ipc/WireTypes.h"
 

@@ -34,7 +34,7 @@
 
 #include <sdbus-c++/Message.h>
 
-#include "Engine/QSBackupClientProtocol.h"
+#include "Engine/clients/QSBackupClientProtocol.h"
 #include "ipc/QSCallbackBus.h"
 #include "platform/RunLoop.h"
 

@@ -1,6 +1,6 @@
 #include "ipc/QSServiceRegistry.h"
 
-#include "Engine/QSSkerrowBackupService.h"
+#include "Engine/server/QSSkerrowBackupService.h"
 #include "ipc/QSBusClient.h"
 #include "platform/Log.h"
 

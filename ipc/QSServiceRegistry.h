@@ -33,7 +33,7 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
-#include "Engine/QSSkerrowServer.h"
+#include "Engine/server/QSSkerrowServer.h"
 #include "ipc/QSBackupServiceAdaptor.h"
 #include "ipc/QSCallbackBus.h"
 #include "platform/RunLoop.h"

@@ -8,7 +8,7 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
-#include "Engine/QSSkerrowServer.h"
+#include "Engine/server/QSSkerrowServer.h"
 #include "ipc/QSServiceRegistry.h"
 #include "ipc/SkerrowAdaptors.h"
 #include "ipc/WireTypes.h"

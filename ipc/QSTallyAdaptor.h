@@ -8,7 +8,7 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
-#include "Engine/QSTally.h"
+#include "Engine/records/QSTally.h"
 #include "ipc/SkerrowAdaptors.h"
 #include "ipc/WireTypes.h"
 

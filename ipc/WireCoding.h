@@ -20,7 +20,7 @@
 
 #include <sdbus-c++/Types.h>
 
-#include "Engine/QSMemoryCoder.h"
+#include "Engine/records/QSMemoryCoder.h"
 #include "ipc/WireTypes.h"
 #include "ipc/WireValues.h"
 #include "platform/Exception.h"

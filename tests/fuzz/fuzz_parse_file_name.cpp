@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "Engine/QSVersionName.h"
+#include "Engine/records/QSVersionName.h"
 #include "platform/RegexPredicate.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

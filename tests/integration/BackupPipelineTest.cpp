@@ -10,8 +10,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "Engine/QSBackupAttributes.h"
-#include "Engine/QSBackupEntry.h"
+#include "Engine/records/QSBackupAttributes.h"
+#include "Engine/records/QSBackupEntry.h"
 #include "platform/PropertyList.h"
 #include "tests/support/BackupScenario.h"
 

@@ -30,7 +30,7 @@
 #include <thread>
 #include <vector>
 
-#include "Engine/QSBackupAttributes.h"
+#include "Engine/records/QSBackupAttributes.h"
 #include "platform/PropertyList.h"
 #include "platform/Value.h"
 #include "tests/support/TempDir.h"

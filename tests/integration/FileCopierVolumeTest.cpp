@@ -10,18 +10,18 @@
 #include <map>
 #include <thread>
 
-#include "Engine/FSDestinationTraversal.h"
-#include "Engine/FSSourceTraversal.h"
-#include "Engine/QSBlackList.h"
-#include "Engine/QSDestinationTraits.h"
-#include "Engine/QSVersionName.h"
+#include "Engine/files/FSDestinationTraversal.h"
+#include "Engine/files/FSSourceTraversal.h"
+#include "Engine/files/QSBlackList.h"
+#include "Engine/files/QSDestinationTraits.h"
+#include "Engine/records/QSVersionName.h"
 #include "platform/FileCopier.h"
 #include "platform/FileManager.h"
 #include "platform/UnicodeText.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/FileSystemImage.h"
 #include "tests/support/TempDir.h"
-#include "tests/unit/FSTraversalTestSupport.h"
+#include "tests/support/FSTraversalTestSupport.h"
 
 using platform::CopyOptions;
 using platform::FileAttributes;

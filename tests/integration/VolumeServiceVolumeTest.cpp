@@ -11,8 +11,8 @@
 #include <optional>
 #include <vector>
 
-#include "Engine/QSVolumeFunctions.h"
-#include "Engine/QSVolumeInfo.h"
+#include "Engine/records/QSVolumeFunctions.h"
+#include "Engine/records/QSVolumeInfo.h"
 #include "platform/LinuxVolumeService.h"
 #include "platform/MountMonitor.h"
 #include "tests/support/Eventually.h"

@@ -10,8 +10,8 @@
 
 #include <string>
 
-#include "Engine/QSBackupClientProtocol.h"
-#include "Engine/QSBackupError.h"
+#include "Engine/clients/QSBackupClientProtocol.h"
+#include "Engine/records/QSBackupError.h"
 
 namespace skerrow_test {
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "Engine/QSCategoryIdentifiers.h"
-#include "Engine/QSTally.h"
+#include "Engine/records/QSCategoryIdentifiers.h"
+#include "Engine/records/QSTally.h"
 #include "platform/Exception.h"
 #include "tests/support/CallbackRoutingClient.h"
 

@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "Engine/QSBackupAttributes.h"
-#include "Engine/QSBackupConverter.h"
-#include "Engine/QSBackupEntry.h"
-#include "Engine/QSBlackList.h"
-#include "Engine/QSSkerrowServer.h"
+#include "Engine/records/QSBackupAttributes.h"
+#include "Engine/conversion/QSBackupConverter.h"
+#include "Engine/records/QSBackupEntry.h"
+#include "Engine/files/QSBlackList.h"
+#include "Engine/server/QSSkerrowServer.h"
 #include "platform/Log.h"
 #include "platform/ManualRunLoop.h"
 #include "platform/PropertyList.h"

@@ -39,9 +39,9 @@
 #include <string>
 #include <vector>
 
-#include "Engine/QSBackupEntry.h"
-#include "Engine/QSServerEnvironment.h"
-#include "Engine/QSSkerrowServer.h"
+#include "Engine/records/QSBackupEntry.h"
+#include "Engine/server/QSServerEnvironment.h"
+#include "Engine/server/QSSkerrowServer.h"
 #include "platform/Date.h"
 #include "platform/Log.h"
 #include "platform/ManualRunLoop.h"

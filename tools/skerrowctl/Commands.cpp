@@ -7,9 +7,9 @@
 #include <sstream>
 #include <thread>
 
-#include "Engine/QSBackupEntry.h"
-#include "Engine/QSCategoryIdentifiers.h"
-#include "Engine/QSVolumeFunctions.h"
+#include "Engine/records/QSBackupEntry.h"
+#include "Engine/records/QSCategoryIdentifiers.h"
+#include "Engine/records/QSVolumeFunctions.h"
 #include "client/QSClientSession.h"
 #include "ipc/WireCoding.h"
 #include "platform/Date.h"

@@ -13,9 +13,9 @@
 #include <cstring>
 #include <utility>
 
-#include "Engine/QSBackupAttributes.h"
-#include "Engine/QSFSVersion.h"
-#include "Engine/QSVersionName.h"
+#include "Engine/records/QSBackupAttributes.h"
+#include "Engine/files/QSFSVersion.h"
+#include "Engine/records/QSVersionName.h"
 #include "platform/Directory.h"
 #include "platform/FileCopier.h"
 #include "platform/FileDescriptor.h"

@@ -1,5 +1,0 @@
-#include "Engine/QSAtomicInteger.h"
-
-std::shared_ptr<QSAtomicInteger> QSAtomicInteger::initWithCoder(QSDecoder& coder) {
-  return initWithValue(coder.decodeInt64());
-}

@@ -1,0 +1,44 @@
+#include "Engine/files/FSDestinationTraversal.h"
+
+#include "Engine/files/QSCaseInsensitiveMap.h"
+#include "Engine/records/QSVersionName.h"
+
+void FSDestinationTraversal::_recurse(platform::Directory* parent, const std::string& name, const std::string& path) {
+  if (shouldStop()) return;
+  platform::FileAttributes attributes;
+  if (!attributesOf(parent, name, path, &attributes, true)) return;
+  if (attributes.isRegularFile() || attributes.isSymbolicLink()) {
+    visitor_->startVisitAtPath_attributes(path, attributes);
+    visitor_->finishVisitAtPath_attributes(path, attributes);
+    return;
+  }
+  if (!attributes.isDirectory()) return;
+  if (!visitor_->startVisitAtPath_attributes(path, attributes)) {
+    visitor_->finishVisitAtPath_attributes(path, attributes);
+    return;
+  }
+  QSCaseInsensitiveMultiMap<std::shared_ptr<QSFSVersion>> groups;
+  if (auto folder = openFolder(parent, name, path)) {
+    std::string entry;
+    while (!shouldStop() && folder->readEntry(&entry)) {
+      platform::FileAttributes a;
+      if (!folder->attributesOf(entry, &a, true)) continue;
+      if (a.isRegularFile() || a.isSymbolicLink()) {
+        const auto parsed = QSParseFileName(entry);
+        if (!parsed) continue;
+        auto version = QSFSVersion::versionWithFileName_attributes(entry, QSFSFileAttributes::fromFileAttributes(a));
+        if (!version) continue;
+        groups.addObject_forKey(std::move(version), (*parsed)[0]);
+      } else if (a.isDirectory()) {
+        _recurse(folder.get(), entry, join(path, entry));
+      }
+    }
+  }
+  for (const std::string& key : groups.keyEnumerator()) {
+    const QSFSVersionArray& versions = *groups.objectsForKey(key);
+    const std::string groupPath = join(path, key);
+    visitor_->startVisitOfGroup_atPath(versions, groupPath);
+    visitor_->finishVisitOfGroup_atPath(versions, groupPath);
+  }
+  visitor_->finishVisitAtPath_attributes(path, attributes);
+}

@@ -1,0 +1,193 @@
+#include "Engine/files/QSFSNode.h"
+
+#include <cinttypes>
+#include <cstdio>
+
+#include "Engine/files/QSFSNodeVisitor.h"
+#include "platform/Date.h"
+#include "platform/Exception.h"
+#include "platform/FileCopier.h"
+#include "platform/FileManager.h"
+#include "platform/Format.h"
+#include "platform/Path.h"
+
+namespace {
+
+const QSFSChildMap& emptyChildren() {
+  static const QSFSChildMap empty;
+  return empty;
+}
+
+}  // namespace
+
+std::shared_ptr<QSFSNode> QSFSNode::init() { return QSFSMutableNode::init(); }
+std::shared_ptr<QSFSNode> QSFSNode::initWithPath(const std::string& path) { return QSFSMutableNode::initWithPath(path); }
+std::shared_ptr<QSFSNode> QSFSNode::initWithFileName_versions(const std::string& fileName,
+                                                              const QSFSVersionArray* versions) {
+  return QSFSMutableNode::initWithFileName_versions(fileName, versions);
+}
+
+std::shared_ptr<QSFSMutableNode> QSFSMutableNode::init() { return std::make_shared<QSFSMutableNode>(Passkey()); }
+
+std::shared_ptr<QSFSMutableNode> QSFSMutableNode::initWithPath(const std::string& path) {
+  auto node = init();
+  node->path_ = path;
+  return node;
+}
+
+std::shared_ptr<QSFSMutableNode> QSFSMutableNode::initWithFileName_versions(const std::string& fileName,
+                                                                            const QSFSVersionArray* versions) {
+  auto node = initWithPath(fileName);
+  if (versions) node->versions_ = QSSortedVersions(*versions);
+  return node;
+}
+
+const QSFSChildMap& QSFSNode::children() const { return children_ ? *children_ : emptyChildren(); }
+
+std::string_view QSFSNode::fileNameView() const {
+  std::string_view p = path_;
+  while (p.size() > 1 && p.back() == '/') p.remove_suffix(1);
+  const auto slash = p.find_last_of('/');
+  if (slash == std::string_view::npos || p.size() == 1) return p;
+  return p.substr(slash + 1);
+}
+
+std::shared_ptr<QSFSNode> QSFSNode::childWithName(const std::string& name) const {
+  return children_ ? children_->objectForKey(name) : nullptr;
+}
+
+std::vector<std::shared_ptr<QSFSNode>> QSFSNode::childEnumerator() const { return children().objectEnumerator(); }
+
+std::shared_ptr<QSFSVersion> QSFSNode::latestVersion() const {
+  if (!versions_ || versions_->empty()) return nullptr;
+  return versions_->front();
+}
+
+std::shared_ptr<QSFSVersion> QSFSNode::oldestVersion() const {
+  if (!versions_ || versions_->empty()) return nullptr;
+  return versions_->back();
+}
+
+std::optional<std::string> QSFSNode::fullPathToVersionAtIndex(uint32_t index) const {
+  const size_t count = versions_ ? versions_->size() : 0;
+  if (index >= count)
+    platform::Exception::raise("NSRangeException", "index %u beyond bounds [0 .. %zu]", index, count ? count - 1 : 0);
+  const auto& version = (*versions_)[index];
+  if (!version || !parent_) return std::nullopt;
+  return platform::appendingPathComponent(parent_->fullPath(), version->fileName());
+}
+
+std::string QSFSNode::relativePath() const {
+  if (!parent_) return "";
+  const std::string above = parent_->relativePath();
+  return above.empty() ? path_ : platform::appendingPathComponent(above, path_);
+}
+
+std::string QSFSNode::fullPath() const {
+  if (!parent_) return path_;
+  return platform::appendingPathComponent(parent_->fullPath(), path_);
+}
+
+void QSFSNode::removeOldestVersionsOfFile_fromBackupFolder(uint32_t keep, const std::string& folder) const {
+  removeOldestVersions(keep, [&](const std::string& name) {
+    platform::FileManager::removeItemAtPath(platform::appendingPathComponent(folder, name));
+  });
+}
+
+void QSFSNode::removeOldestVersionsOfFile_beneath_inFolder(uint32_t keep, const std::string& root,
+                                                          const std::string& relativeFolder) const {
+  removeOldestVersions(keep, [&](const std::string& name) {
+    platform::FileCopier::removeItemBeneath(root, platform::appendingPathComponent(relativeFolder, name));
+  });
+}
+
+void QSFSNode::removeOldestVersions(uint32_t keep, const std::function<void(const std::string&)>& remove) const {
+  const size_t n = versions_ ? versions_->size() : 0;
+  if (n == 0 || n < keep) return;
+  const size_t toDelete = n - keep + 1;
+  for (size_t j = 0; j < toDelete; ++j) {
+    if (j >= n)  // keep = 0: one more than there is
+      platform::Exception::raise("NSRangeException", "index -1 beyond bounds [0 .. %zu]", n - 1);
+    const auto& version = (*versions_)[n - 1 - j];
+    if (version && !version->fileName().empty()) remove(version->fileName());
+  }
+}
+
+void QSFSNode::depthFirstTraverseWith(QSFSNodeVisitor& visitor) {
+  // The walk needs this node as a shared pointer: every node is owned by one,
+  // and the root is passed in by its owner, so an aliasing pointer serves.
+  const std::shared_ptr<QSFSNode> self(std::shared_ptr<QSFSNode>(), this);
+  visitor.startTraversalOfRoot(self);
+  visit(self, visitor);
+  visitor.finishTraversalOfRoot(self);
+}
+
+void QSFSNode::visit(const std::shared_ptr<QSFSNode>& self, QSFSNodeVisitor& visitor) {
+  visitor.startVisit(self);
+  children().enumerate([&](const std::shared_ptr<QSFSNode>& child) { child->visit(child, visitor); });
+  visitor.finishVisit(self);
+}
+
+std::string QSFSNode::description() const {
+  std::string versions = "(null)";
+  if (versions_) {
+    versions = "(\n";
+    for (size_t i = 0; i < versions_->size(); ++i) {
+      versions += "    \"" + (*versions_)[i]->description() + "\"";
+      versions += i + 1 < versions_->size() ? ",\n" : "\n";
+    }
+    versions += ")";
+  }
+  char children[64];
+  std::snprintf(children, sizeof children, "<QSCaseInsensitiveMap: %p>", static_cast<const void*>(&this->children()));
+  const QSFSFileAttributes dst = destinationAttributes();
+  return platform::format(
+      "path=%s\n\tsrcAttributes.size=%llu\n\tsrcAttributes.type=%ld\n\tsrcAttributes.creationDate=%s\n\tsrcAttributes=%"
+      "s\n\tdstAttributes.size=%llu\n\tdstAttributes.type=%ld\n\tdstAttributes.creationDate=%s\n\tdstAttributes."
+      "modificationDate=%s\n\tversions=%s\n\tchildren=%s",
+      path_.c_str(), static_cast<unsigned long long>(src_.size), static_cast<long>(src_.type),
+      platform::Date(src_.creationDate).description().c_str(),
+      platform::Date(src_.modificationDate).description().c_str(), static_cast<unsigned long long>(dst.size),
+      static_cast<long>(dst.type), platform::Date(dst.creationDate).description().c_str(),
+      platform::Date(dst.modificationDate).description().c_str(), versions.c_str(), children);
+}
+
+QSFSFileAttributes QSFSNode::destinationAttributes() const {
+  if (dst_) return *dst_;
+  if (const auto latest = latestVersion()) return latest->attributes();
+  return QSFSFileAttributes();
+}
+
+void QSFSMutableNode::setDestinationAttributes(const QSFSFileAttributes& a) {
+  if (dst_)
+    *dst_ = a;
+  else
+    dst_ = std::make_unique<QSFSFileAttributes>(a);
+}
+
+void QSFSMutableNode::addNode(const std::shared_ptr<QSFSNode>& node) {
+  if (!node) return;
+  if (!children_) children_ = std::make_unique<QSFSChildMap>();
+  children_->setNode(node);
+  node->parent_ = this;
+}
+
+void QSFSMutableNode::setVersions(const QSFSVersionArray& versions) { versions_ = QSSortedVersions(versions); }
+
+std::shared_ptr<QSFSMutableNode> QSFSMutableNode::copyBelow(QSFSNode* parent) const {
+  auto copy = initWithPath(path_);
+  copy->src_ = src_;
+  if (dst_) copy->dst_ = std::make_unique<QSFSFileAttributes>(*dst_);
+  copy->parent_ = parent;
+  if (children_) {
+    copy->children_ = std::make_unique<QSFSChildMap>();
+    children_->enumerate([&](const std::shared_ptr<QSFSNode>& child) {
+      auto childCopy = static_cast<const QSFSMutableNode&>(*child).copyBelow(copy.get());
+      copy->children_->setNode(childCopy);
+    });
+  }
+  copy->versions_ = versions_;
+  return copy;
+}
+
+std::shared_ptr<QSFSMutableNode> QSFSMutableNode::deepCopy() const { return copyBelow(nullptr); }

@@ -1,0 +1,351 @@
+#include "Engine/pipeline/QSPerUIDEnvironment.h"
+
+#include "Engine/files/FSDestinationTraversal.h"
+#include "Engine/records/QSBackupAttributes.h"
+#include "Engine/records/QSBackupEntry.h"
+#include "Engine/records/QSCategoryIdentifiers.h"
+#include "Engine/files/QSFSDepthFirstTreeTraversal.h"
+#include "Engine/pipeline/QSTransferInstrument.h"
+#include "platform/FileManager.h"
+#include "platform/Log.h"
+#include "platform/Path.h"
+
+namespace {
+
+// The longest pause between two looks at an empty queue (queueing ends it).
+constexpr uint32_t kPauseMicroseconds = 100000;
+
+const char* const kEntryNotifications[] = {
+    QSVersionDepthChangedNotification, QSScheduledCategoriesChangedNotification, QSScheduledStatusChangedNotification,
+    QSMountPointChangedNotification,   QSPersistentStatusChangedNotification,
+};
+
+}  // namespace
+
+QSPerUIDEnvironment::QSPerUIDEnvironment(Passkey, std::shared_ptr<QSUserEnvironment> userEnvironment, std::string uid,
+                                         const QSPipelineHost* host, platform::NotificationCenter* center)
+    : uid_(std::move(uid)),
+      userEnvironment_(std::move(userEnvironment)),
+      client_(userEnvironment_->client()),
+      host_(host),
+      sleep_([this](uint32_t microseconds) { idle_.sleep(microseconds); }),
+      center_(center ? center : &platform::NotificationCenter::defaultCenter()) {
+  categoryFilter_.set(std::make_shared<const std::set<std::string>>());
+}
+
+QSPerUIDEnvironment::~QSPerUIDEnvironment() {
+  for (const auto id : observers_) center_->removeObserver(id);
+  stopObservingClient();
+}
+
+std::shared_ptr<QSPerUIDEnvironment> QSPerUIDEnvironment::initWithUserEnvironment_uid(
+    std::shared_ptr<QSUserEnvironment> userEnvironment, std::string uid, const QSPipelineHost* host,
+    platform::NotificationCenter* center) {
+  auto environment = std::make_shared<QSPerUIDEnvironment>(Passkey(), std::move(userEnvironment), std::move(uid), host,
+                                                           center);
+  environment->observe(environment->center_);
+  environment->setStage(kStageFinished);
+  return environment;
+}
+
+void QSPerUIDEnvironment::observe(platform::NotificationCenter* center) {
+  const std::weak_ptr<QSPerUIDEnvironment> weak = self<QSPerUIDEnvironment>();
+  for (const char* name : kEntryNotifications) {
+    observers_.push_back(center->addObserver(name, nullptr, [weak](const platform::Notification& notification) {
+      if (auto environment = weak.lock()) environment->consumeNotification(notification);
+    }));
+  }
+  std::lock_guard<std::recursive_mutex> userLock(userEnvironment_->monitor());
+  userEnvironment_->addObserver_forKeyPath_options_context(this, "client", platform::kKeyValueObservingOptionNew,
+                                                           nullptr);
+  observingClient_ = true;
+}
+
+void QSPerUIDEnvironment::stopObservingClient() {
+  // Under the user environment's lock no change of its client is being
+  // announced, so no observation call can be under way once this returns.
+  std::lock_guard<std::recursive_mutex> userLock(userEnvironment_->monitor());
+  if (!observingClient_) return;
+  userEnvironment_->removeObserver_forKeyPath(this, "client");
+  observingClient_ = false;
+}
+
+void QSPerUIDEnvironment::start() {
+  auto thread = platform::OVThread::detachNewThread([self = self<QSPerUIDEnvironment>()] { self->run(); }, "uid " + uid_);
+  // The new thread records itself under the lock too, perhaps at this very moment.
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  thread_ = std::move(thread);
+}
+
+bool QSPerUIDEnvironment::stopThread(std::chrono::milliseconds timeout) {
+  cancel();
+  std::shared_ptr<platform::OVThread> thread;
+  {
+    std::lock_guard<std::recursive_mutex> lock(lock_);
+    thread = thread_;
+  }
+  return !thread || thread->waitUntilFinished(timeout);
+}
+
+bool QSPerUIDEnvironment::enqueue(const std::shared_ptr<QSToken>& token) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (queue_.count() != 0) {
+    platform::Log::format("%s Unable to enqueue", __PRETTY_FUNCTION__);
+    return false;
+  }
+  queue_.enqueue(token);
+  isPipeCancelled_.store(false);
+  idle_.wake();
+  return true;
+}
+
+void QSPerUIDEnvironment::cancelPipe() {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  isPipeCancelled_.store(true);
+}
+
+void QSPerUIDEnvironment::cancel() {
+  cancelPipe();
+  cancelRequested_.store(true);
+  idle_.wake();
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (thread_) thread_->cancel();
+}
+
+bool QSPerUIDEnvironment::threadCancelled() const { return cancelRequested_.load(); }
+
+void QSPerUIDEnvironment::dischargePipe() {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (!isPipeCancelled_.load()) {
+    const auto self = this->self<QSPerUIDEnvironment>();
+    queue_.enumerate([&self](std::shared_ptr<QSToken>& token) { token->runWithObject(self); });
+  }
+  queue_.removeAllObjects();
+}
+
+std::shared_ptr<QSToken> QSPerUIDEnvironment::currentToken() const { return queue_.front().value_or(nullptr); }
+
+int32_t QSPerUIDEnvironment::stage() const {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  return stage_;
+}
+
+void QSPerUIDEnvironment::setStage(int32_t stage) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  stage_ = stage;
+}
+
+void QSPerUIDEnvironment::setCategoryFilter(std::set<std::string> categories) {
+  categoryFilter_.set(std::make_shared<const std::set<std::string>>(std::move(categories)));
+}
+
+void QSPerUIDEnvironment::setDestinationDirectory(std::optional<std::string> path) {
+  destinationPath_.set(path ? std::make_shared<const std::string>(std::move(*path)) : nullptr);
+}
+
+void QSPerUIDEnvironment::run() {
+  {
+    std::lock_guard<std::recursive_mutex> lock(lock_);
+    thread_ = platform::OVThread::currentThread();
+  }
+  for (;;) {
+    isPipeCancelled_.store(false);
+    waitForWork();
+    setStage(kStageHousekeeping);
+    platform::Log::line("+++ housekeeping");
+    if (const auto token = currentToken()) runJobWithToken(token);
+    if (threadCancelled()) return;
+  }
+}
+
+void QSPerUIDEnvironment::waitForWork() {
+  uint64_t idlePolls = 0;
+  while (queue_.count() == 0 && !threadCancelled()) {
+    if (!host_ || !host_->supportsContinuousBackup()) {
+      sleep_(kPauseMicroseconds);
+      continue;
+    }
+    realtimePolls_.fetch_add(1);
+    if (auto event = fsEventQueue_.dequeue()) {
+      processRealtimeEvent(*event);
+      idlePolls = 0;
+    } else if (++idlePolls > kBusyPolls) {
+      sleep_(kPauseMicroseconds);
+    }
+  }
+}
+
+void QSPerUIDEnvironment::processRealtimeEvent(const FSEvent&) {}
+
+void QSPerUIDEnvironment::runJobWithToken(const std::shared_ptr<QSToken>& token) {
+  std::shared_ptr<QSFSMutableNode> tree;
+  std::shared_ptr<QSMutableTally> tally;
+  token->getTree_tally(&tree, &tally);
+  if (!tree) tree = QSFSMutableNode::initWithPath("/");
+  if (!tally) tally = QSMutableTally::init();
+  setTally(tally);
+  root_ = tree;
+  const std::string destination = token->destinationPath().value_or(std::string());
+  traits_ = QSDestinationTraits::probe(destination);
+  platform::FileAttributes attributes;
+  destinationDevice_.reset();
+  if (platform::FileManager::attributesAtPath(destination, &attributes)) destinationDevice_ = attributes.device;
+
+  runDestinationTallyWithToken(token);
+  bool wantsBackup;
+  {
+    std::lock_guard<std::recursive_mutex> lock(lock_);
+    wantsBackup = token->wantsBackup();
+    if (!wantsBackup) {
+      dischargePipe();
+      endJob();
+    }
+  }
+  if (!wantsBackup) return;
+  runBackupWithToken(token);
+  // The token is run again before the queue is emptied: running it is what
+  // tells the server that this destination's backup is complete.
+  dischargePipe();
+  endJob();
+}
+
+void QSPerUIDEnvironment::endJob() {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  queue_.removeAllObjects();
+  stage_ = kStageFinished;
+  root_.reset();
+  tally_.set(nullptr);
+}
+
+std::unique_ptr<QSTransferInstrument> QSPerUIDEnvironment::makeInstrument(const std::shared_ptr<QSToken>& token,
+                                                                          bool dryRun) {
+  std::optional<std::set<std::string>> categories;
+  const std::any context = token->context();
+  if (const auto* set = std::any_cast<std::set<std::string>>(&context)) categories = *set;
+  auto instrument = QSTransferInstrument::initWithSourcePath_destinationPath_categoryFilter_tally_versionDepth(
+      userEnvironment_->userHome(), token->destinationPath().value_or(std::string()), std::move(categories), tally(),
+      token->versionDepth());
+  instrument->setDryRun(dryRun);
+  instrument->setDelegate(this);
+  instrument->setDestinationTraits(traits_);
+  instrument->setDestinationDevice(destinationDevice_);
+  instrument->setTerminationFlag(&isPipeCancelled_);
+  return instrument;
+}
+
+void QSPerUIDEnvironment::runDestinationTallyWithToken(const std::shared_ptr<QSToken>& token) {
+  {
+    std::lock_guard<std::recursive_mutex> lock(lock_);
+    client_->startedDestinationTally_withUID(tally(), uid_);
+    stage_ = kStageDestinationTally;
+  }
+  FSDestinationTraversal traversal(&isPipeCancelled_);
+  traversal.recurseAtDestinationPath_withVisitor(token->destinationPath().value_or(std::string()), *this);
+  auto instrument = makeInstrument(token, true);
+  if (!host_ || !host_->skipTransfer()) {
+    QSFSDepthFirstTreeTraversal walk(&isPipeCancelled_);
+    walk.traverseTree_withVisitor(root_, *instrument);
+  }
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  client_->finishedDestinationTally_withUID(tally(), uid_);
+  stage_ = kStageDestinationTallyDone;
+}
+
+void QSPerUIDEnvironment::runBackupWithToken(const std::shared_ptr<QSToken>& token) {
+  {
+    std::lock_guard<std::recursive_mutex> lock(lock_);
+    client_->startedTransferTally_withUID(tally(), uid_);
+    stage_ = kStageTransfer;
+  }
+  auto instrument = makeInstrument(token, false);
+  if (!host_ || !host_->skipTransfer()) {
+    QSFSDepthFirstTreeTraversal walk(&isPipeCancelled_);
+    walk.traverseTree_withVisitor(root_, *instrument);
+    // Copies are not flushed one by one; one sync of the disk makes them durable.
+    platform::FileManager::synchronizeFileSystemAtPath(token->destinationPath().value_or(std::string()));
+  }
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  client_->finishedTransferTally_withUID(tally(), uid_);
+  stage_ = kStageTransferDone;
+}
+
+void QSPerUIDEnvironment::transferInstrument_error(QSTransferInstrument& instrument,
+                                                   const std::shared_ptr<QSBackupError>& error) {
+  const uint64_t limit = userEnvironment_->maximumContiguousErrorsClientWants();
+  if (limit != 0 && instrument.contiguousFailedCopyCount() > static_cast<int64_t>(limit)) {
+    cancelPipe();
+    client_->stoppedDueToErrorsForBackup(uid_);
+    return;
+  }
+  error->setUID(uid_);
+  client_->error(*error);
+}
+
+void QSPerUIDEnvironment::consumeNotification(const platform::Notification& notification) {
+  const auto entry = notification.objectAs<QSBackupEntry>();
+  if (!entry || entry->uid() != uid_) return;
+  const std::string& name = notification.name;
+  if (name == QSVersionDepthChangedNotification) {
+    setVersionDepth(entry->versionDepth());
+  } else if (name == QSScheduledCategoriesChangedNotification) {
+    setCategoryFilter(entry->scheduledCategories());
+  } else if (name == QSScheduledStatusChangedNotification) {
+    setScheduled(entry->isScheduled());
+  } else if (name == QSMountPointChangedNotification) {
+    if (entry->mountPoint().empty()) return;
+    const std::string folder = platform::appendingPathComponent(entry->mountPoint(), kBackupDestinationDirectoryName);
+    bool isDirectory = false;
+    if (platform::FileManager::fileExistsAtPath_isDirectory_traverseLink(folder, &isDirectory, false) && isDirectory)
+      setDestinationDirectory(platform::appendingPathComponent(folder, uid_));
+  }
+}
+
+void QSPerUIDEnvironment::observeValueForKeyPath_ofObject_change_context(const std::string& keyPath,
+                                                                         const platform::KeyValueObservable* object,
+                                                                         const platform::KeyValueChangeInfo&, void*) {
+  if (keyPath != "client" || object != userEnvironment_.get()) return;
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (stage_ == kStageDestinationTally)
+    client_->computingDestinationTally_withUID(tally(), uid_);
+  else if (stage_ == kStageTransfer)
+    client_->computingTransferTally_withUID(tally(), uid_);
+}
+
+std::shared_ptr<QSFSNode> QSPerUIDEnvironment::nodeAtPath_attributes(const std::string& path,
+                                                                     const platform::FileAttributes& attributes) {
+  const QSFSFileAttributes record = QSFSFileAttributes::fromFileAttributes(attributes);
+  if (nodeStack_.size() == 0) {
+    root_->setDestinationAttributes(record);
+    return root_;
+  }
+  auto parent = QSFSMutableNode::from(nodeStack_.top());
+  const std::string name = platform::lastPathComponent(path);
+  auto child = parent->childWithName(name);
+  if (!child) {
+    child = QSFSMutableNode::initWithPath(name);
+    parent->addNode(child);
+  }
+  QSFSMutableNode::from(child)->setDestinationAttributes(record);
+  return child;
+}
+
+std::shared_ptr<QSFSNode> QSPerUIDEnvironment::groupNodeAtPath_versions(const std::string& path,
+                                                                        const QSFSVersionArray& versions) {
+  if (nodeStack_.size() == 0 || versions.empty()) return nullptr;
+  auto parent = QSFSMutableNode::from(nodeStack_.top());
+  const std::string name = platform::lastPathComponent(path);
+  auto child = parent->childWithName(name);
+  if (!child) {
+    child = QSFSMutableNode::initWithFileName_versions(name, &versions);
+    parent->addNode(child);
+  }
+  auto node = QSFSMutableNode::from(child);
+  node->setVersions(versions);
+  const auto latest = node->latestVersion();
+  if (!latest) return node;
+  const QSCategoryMask mask = nodeStack_.applicableCategoryMask(name);
+  const auto tally = this->tally();
+  for (size_t i = 0; i < kAllCategories.size(); ++i)
+    if (mask & (1u << i)) tally->tallyFileOfSize_forDestinationCategory(latest->attributes().size, kAllCategories[i]);
+  return node;
+}

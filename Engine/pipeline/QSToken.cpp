@@ -1,0 +1,34 @@
+#include "Engine/pipeline/QSToken.h"
+
+void QSToken::setDestinationPath_uid(std::optional<std::string> destinationPath, std::optional<std::string> uid) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  destinationPath_ = std::move(destinationPath);
+  uid_ = std::move(uid);
+}
+
+std::optional<std::string> QSToken::destinationPath() const {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  return destinationPath_;
+}
+
+std::optional<std::string> QSToken::uid() const {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  return uid_;
+}
+
+bool QSToken::wantsDestinationTally() const {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  return destinationPath_.has_value() && uid_.has_value();
+}
+
+void QSToken::setTree_tally(std::shared_ptr<QSFSMutableNode> tree, std::shared_ptr<QSMutableTally> tally) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  tree_ = std::move(tree);
+  tally_ = std::move(tally);
+}
+
+void QSToken::getTree_tally(std::shared_ptr<QSFSMutableNode>* tree, std::shared_ptr<QSMutableTally>* tally) const {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (tree) *tree = tree_;
+  if (tally) *tally = tally_;
+}

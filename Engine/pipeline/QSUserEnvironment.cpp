@@ -1,0 +1,213 @@
+#include "Engine/pipeline/QSUserEnvironment.h"
+
+#include "Engine/files/FSSourceTraversal.h"
+#include "Engine/files/QSSourceTreeBuilder.h"
+#include "platform/Date.h"
+
+QSUserEnvironment::QSUserEnvironment(Passkey, std::string name, std::string homeDir)
+    : homeDir_(std::move(homeDir)), name_(std::move(name)), client_(QSSkerrowClientProxy::init()),
+      sleep_([this](uint32_t microseconds) { idle_.sleep(microseconds); }) {}
+
+QSUserEnvironment::~QSUserEnvironment() = default;
+
+std::shared_ptr<QSUserEnvironment> QSUserEnvironment::initWithUserName_homeDirectory(std::string name,
+                                                                                    std::string homeDir) {
+  return std::make_shared<QSUserEnvironment>(Passkey(), std::move(name), std::move(homeDir));
+}
+
+void QSUserEnvironment::start() {
+  platform::OVThread::detachNewThread([self = self<QSUserEnvironment>()] { self->run(); }, "user " + name_);
+}
+
+void QSUserEnvironment::run() {
+  {
+    std::lock_guard<std::recursive_mutex> lock(lock_);
+    thread_ = platform::OVThread::currentThread();
+  }
+  do {
+    isPipeCancelled_.store(false);
+    while (queueCount_.load() == 0) {
+      if (stopRequested_.load()) return;
+      sleep_(kIdleSleepMicroseconds);
+    }
+    runCycle();
+  } while (!isCancelled_.load() && !stopRequested_.load());
+}
+
+bool QSUserEnvironment::stopThread(std::chrono::milliseconds timeout) {
+  stopRequested_.store(true);
+  cancel();
+  idle_.wake();
+  std::shared_ptr<platform::OVThread> thread;
+  {
+    std::lock_guard<std::recursive_mutex> lock(lock_);
+    thread = thread_;
+  }
+  return !thread || thread->waitUntilFinished(timeout);
+}
+
+void QSUserEnvironment::runCycle() {
+  {
+    std::lock_guard<std::recursive_mutex> lock(lock_);
+    tally_ = QSMutableTally::init();
+    root_ = QSFSMutableNode::initWithPath("/");
+  }
+  runSourceTally();
+  {
+    std::lock_guard<std::recursive_mutex> lock(lock_);
+    if (!isPipeCancelled_.load()) dispatchQueuedTokens();
+    queue_.clear();
+    queueCount_.store(0);
+    root_.reset();
+    tally_.reset();
+  }
+}
+
+void QSUserEnvironment::dispatchQueuedTokens() {
+  struct Exposure {
+    bool& flag;
+    explicit Exposure(bool& f) : flag(f) { flag = true; }
+    ~Exposure() { flag = false; }
+  };
+  const auto self = this->self<QSUserEnvironment>();
+  // Tokens are taken by index: running one may queue another.
+  for (size_t i = 0; i < queue_.size(); ++i) {
+    const std::shared_ptr<QSToken> token = queue_[i];
+    if (token->wantsDestinationTally()) {
+      // Each token gets a tree of its own.  The last one takes the cycle's
+      // tree itself, which nobody reads after it: a home folder's tree is
+      // the largest object of a backup, and one copy fewer halves the peak.
+      std::shared_ptr<QSFSMutableNode> tree;
+      if (root_) tree = i + 1 == queue_.size() ? std::exchange(root_, nullptr) : root_->deepCopy();
+      token->setTree_tally(std::move(tree), tally_->mutableCopy());
+    }
+    Exposure exposed(isProductExposed_);
+    token->runWithObject(self);
+  }
+}
+
+void QSUserEnvironment::enqueue(const std::shared_ptr<QSToken>& token) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (token->wantsDestinationTally()) {
+    const auto uid = token->uid();
+    for (const auto& queued : queue_) {
+      const auto queuedUID = queued->uid();
+      if (queuedUID && queuedUID != uid) continue;
+      queued->setDestinationPath_uid(token->destinationPath(), uid);
+      queued->setWantsBackup(token->wantsBackup());
+      queued->setVersionDepth(token->versionDepth());
+      if (token->wantsBackup()) queued->setContext(token->context());
+      return;
+    }
+    append(token);
+  } else if (queue_.empty()) {
+    append(token);
+  }
+}
+
+void QSUserEnvironment::append(const std::shared_ptr<QSToken>& token) {
+  queue_.push_back(token);
+  queueCount_.store(queue_.size());
+  isPipeCancelled_.store(false);
+  idle_.wake();
+}
+
+void QSUserEnvironment::setClient(std::shared_ptr<QSBackupClientProtocol> client) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  willChangeValueForKey("client");
+  const uint64_t limit = client ? client->maximumContiguousErrorsClientWants() : kDefaultErrorLimit;
+  client_->setProxiedObject(std::move(client));
+  clientRegistrationTime_.store(platform::Date::now().timeIntervalSinceReferenceDate());
+  maximumContiguousErrorsClientWants_.store(limit);
+  didChangeValueForKey("client");
+}
+
+std::shared_ptr<QSSkerrowClientProxy> QSUserEnvironment::client() const {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  return client_;
+}
+
+void QSUserEnvironment::getClient_registrationTime(std::shared_ptr<QSSkerrowClientProxy>* client,
+                                                   double* registrationTime) const {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (client) *client = client_;
+  if (registrationTime) *registrationTime = clientRegistrationTime_.load();
+}
+
+std::any QSUserEnvironment::valueForKey(const std::string& key) const {
+  if (key == "client") return client_;
+  return {};
+}
+
+std::shared_ptr<const platform::RegexPredicate> QSUserEnvironment::exclusionFilter() const {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  return exclusionFilter_;
+}
+
+void QSUserEnvironment::setExclusionFilter(std::shared_ptr<const platform::RegexPredicate> filter) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  exclusionFilter_ = std::move(filter);
+}
+
+void QSUserEnvironment::runSourceTally() {
+  std::shared_ptr<QSMutableTally> tally;
+  {
+    std::lock_guard<std::recursive_mutex> lock(lock_);
+    tally = tally_;
+  }
+  client_->startedSourceTally(tally);
+  FSSourceTraversal traversal(&isPipeCancelled_);
+  traversal.recurseAtUserHome_withExclusionPredicate_visitor(homeDir_, exclusionFilter(), *this);
+  client_->finishedSourceTally(tally);
+}
+
+void QSUserEnvironment::startTraversalOfPath(const std::string& path) {
+  double registrationTime = 0;
+  getClient_registrationTime(nullptr, &registrationTime);
+  cachedClientRegistrationTime_ = registrationTime;
+  FSDepthFirstVisitor::startTraversalOfPath(path);
+}
+
+std::shared_ptr<QSFSNode> QSUserEnvironment::nodeAtPath_attributes(const std::string& path,
+                                                                   const platform::FileAttributes& attributes) {
+  auto node = QSSourceTreeBuilder::sourceNode(nodeStack_, root_, *tally_, path, attributes);
+  // A client that attached during the walk gets the count so far at once.
+  const double registrationTime = clientRegistrationTime_.load();
+  if (registrationTime != cachedClientRegistrationTime_) client_->computingSourceTally(tally_);
+  cachedClientRegistrationTime_ = registrationTime;
+  return node;
+}
+
+void QSUserEnvironment::getDeepCopyOfSourceTree_copyOfSourceTally(std::shared_ptr<QSFSMutableNode>* tree,
+                                                                  std::shared_ptr<QSMutableTally>* tally) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  const bool exposed = isProductExposed_ && root_ && tally_;
+  if (tree) *tree = exposed ? root_->deepCopy() : nullptr;
+  if (tally) *tally = exposed ? tally_->mutableCopy() : nullptr;
+}
+
+void QSUserEnvironment::cancelPipe() {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  isPipeCancelled_.store(true);
+}
+
+void QSUserEnvironment::cancelPipeForUID(const std::string& uid) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  for (auto it = queue_.begin(); it != queue_.end(); ++it) {
+    if ((*it)->uid() != uid) continue;
+    const bool wasOnly = queue_.size() == 1;
+    queue_.erase(it);
+    queueCount_.store(queue_.size());
+    if (wasOnly) cancelPipe();
+    return;
+  }
+}
+
+void QSUserEnvironment::cancel() {
+  isPipeCancelled_.store(true);
+  isCancelled_.store(true);
+}
+
+void QSUserEnvironment::conversionChangedState_forMountPath(const std::string& state, const std::string& mountPath) {
+  client_->conversionChangedState_forMountPath(state, mountPath);
+}
