@@ -2,6 +2,7 @@
 //
 // Wires the process together: the main run loop, the engine server, its bus
 // connection and the mount notices; then serves until it is told to stop.
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -22,6 +23,10 @@
 #include "platform/Workspace.h"
 
 namespace {
+
+// How long the pipeline's threads get to stop at a SIGTERM; the whole exit
+// stays within the 2 s a service manager is promised.
+constexpr std::chrono::milliseconds kPipelineStopTimeout{1500};
 
 // "-userApp" (any letter case) runs the engine for the invoking user on the session bus.
 bool runsAsUserApp() {
@@ -68,6 +73,11 @@ int main() {
     if (loop.stoppedBySignal()) platform::Log::format("Stopped by signal %d", loop.stoppedBySignal());
     // Clients are no longer called; their bus objects go with the callback thread.
     callbacks->stop();
+    // The walks and copies under way stop at their next check (a copy within
+    // one chunk, its temporary file removed), so no thread outlives main.
+    if (!server->stopPipeline(kPipelineStopTimeout))
+      platform::Log::line("Some backup threads did not stop in time");
+    server->saveBackupDatabase();
   } catch (const platform::Exception& e) {
     platform::Log::format("%s", e.description().c_str());
   } catch (...) {

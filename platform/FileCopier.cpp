@@ -87,13 +87,18 @@ std::vector<char>& copyBuffer() {
   return buffer;
 }
 
-// Copies the rest of `in` to `out`: a clone, else copy_file_range, else read/write.
-int copyData(int in, int out, bool legacy) {
+// Copies the rest of `in` to `out`: a clone, else copy_file_range, else
+// read/write.  With a cancel flag, the flag is read before every chunk.
+int copyData(int in, int out, bool legacy, const std::atomic<bool>* cancelled) {
+  const auto stop = [cancelled] { return cancelled && cancelled->load(std::memory_order_relaxed); };
+  if (stop()) return ECANCELED;
   if (!legacy) {
     if (::ioctl(out, FICLONE, in) == 0) return 0;
     bool copiedSome = false;
+    const size_t chunk = cancelled ? CopyOptions::kCancelChunkBytes : size_t{1} << 30;
     while (true) {
-      const ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, size_t{1} << 30, 0);
+      if (stop()) return ECANCELED;
+      const ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, chunk, 0);
       if (n > 0) {
         copiedSome = true;
         continue;
@@ -108,6 +113,7 @@ int copyData(int in, int out, bool legacy) {
   }
   std::vector<char>& buffer = copyBuffer();
   while (true) {
+    if (stop()) return ECANCELED;
     const ssize_t n = ::read(in, buffer.data(), buffer.size());
     if (n < 0) {
       if (errno == EINTR) continue;
@@ -209,7 +215,7 @@ class Copy {
     ::fcntl(in.get(), F_SETFL, ::fcntl(in.get(), F_GETFL) & ~O_NONBLOCK);
     FileDescriptor out(::openat(to, temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!out) return fail(errno, destinationPath, "Unable to create");
-    if (const int code = copyData(in.get(), out.get(), legacy_)) return fail(code, destinationPath, "Unable to copy to");
+    if (const int code = copyData(in.get(), out.get(), legacy_, options_.cancelled)) return fail(code, destinationPath, "Unable to copy to");
     metadata(in.get(), out.get(), a);
     if (options_.syncData && ::fdatasync(out.get()) != 0) return fail(errno, destinationPath, "Unable to write");
     if (options_.setModificationDate) times(out.get(), a);

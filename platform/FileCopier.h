@@ -25,6 +25,7 @@
 // Errors carry the failed path and the system's message.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -40,6 +41,12 @@ struct CopyOptions {
   bool deleteDestinationFirst = false;   // replace an existing destination item
   bool deleteDestinationIfError = false; // remove the destination item if the copy fails
   bool syncData = true;              // flush each file's data before it takes its final name
+  // When set, a file's data is copied in chunks of kCancelChunkBytes and the
+  // flag is read before each: a set flag ends the copy with ECANCELED
+  // ("Operation canceled") and removes the temporary item, so a cancelled
+  // backup stops within one chunk even in the middle of a large file.
+  const std::atomic<bool>* cancelled = nullptr;
+  static constexpr size_t kCancelChunkBytes = size_t{8} << 20;
 };
 
 class FileCopier {

@@ -1,5 +1,6 @@
 #include "Engine/pipeline/QSFirstStage.h"
 
+#include "platform/Deadline.h"
 #include "platform/Log.h"
 
 namespace {
@@ -89,7 +90,10 @@ bool QSFirstStage::stopAll(std::chrono::milliseconds timeout) {
     std::lock_guard<std::recursive_mutex> lock(lock_);
     environments = queueByName_;
   }
+  // Every thread is told first, so that they all wind down at once.
+  for (const auto& [key, environment] : environments) environment->stopThread(std::chrono::milliseconds(0));
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
   bool all = true;
-  for (const auto& [key, environment] : environments) all = environment->stopThread(timeout) && all;
+  for (const auto& [key, environment] : environments) all = environment->stopThread(platform::timeLeftUntil(deadline)) && all;
   return all;
 }

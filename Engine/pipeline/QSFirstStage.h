@@ -50,7 +50,7 @@ class QSFirstStage : public QSBackupConversionChangedNotificationProtocol {
   void unlock() { lock_.unlock(); }
 
   // Ends every environment's thread (engine teardown); answers whether all
-  // ended within `timeout` each.
+  // ended within `timeout`.
   bool stopAll(std::chrono::milliseconds timeout);
 
   // The accounts users are admitted from.

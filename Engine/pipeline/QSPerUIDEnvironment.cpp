@@ -116,10 +116,8 @@ bool QSPerUIDEnvironment::threadCancelled() const { return cancelRequested_.load
 
 void QSPerUIDEnvironment::dischargePipe() {
   std::lock_guard<std::recursive_mutex> lock(lock_);
-  if (!isPipeCancelled_.load()) {
-    const auto self = this->self<QSPerUIDEnvironment>();
-    queue_.enumerate([&self](std::shared_ptr<QSToken>& token) { token->runWithObject(self); });
-  }
+  if (!isPipeCancelled_.load())
+    queue_.enumerate([this](std::shared_ptr<QSToken>& token) { token->runWithObject(*this); });
   queue_.removeAllObjects();
 }
 
@@ -219,11 +217,8 @@ void QSPerUIDEnvironment::endJob() {
 
 std::unique_ptr<QSTransferInstrument> QSPerUIDEnvironment::makeInstrument(const std::shared_ptr<QSToken>& token,
                                                                           bool dryRun) {
-  std::optional<std::set<std::string>> categories;
-  const std::any context = token->context();
-  if (const auto* set = std::any_cast<std::set<std::string>>(&context)) categories = *set;
   auto instrument = QSTransferInstrument::initWithSourcePath_destinationPath_categoryFilter_tally_versionDepth(
-      userEnvironment_->userHome(), token->destinationPath().value_or(std::string()), std::move(categories), tally(),
+      userEnvironment_->userHome(), token->destinationPath().value_or(std::string()), token->context(), tally(),
       token->versionDepth());
   instrument->setDryRun(dryRun);
   instrument->setDelegate(this);

@@ -7,9 +7,15 @@
 using platform::OVThread;
 
 void QSRunnable::runWithObject(const Argument& object) {
+  runAsCurrent([&] {
+    if (delegate_ && selector_) selector_(delegate_, object);
+  });
+}
+
+void QSRunnable::runAsCurrent(const std::function<void()>& body) {
   auto& dictionary = OVThread::currentThread()->threadDictionary();
   dictionary.threadSafeSetObject_forKey(std::any(self<QSRunnable>()), threadDictionaryKey());
-  if (delegate_ && selector_) selector_(delegate_, object);
+  body();
   isFinished_.store(true);
   dictionary.threadSafeRemoveObjectForKey(threadDictionaryKey());
 }

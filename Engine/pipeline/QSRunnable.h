@@ -87,6 +87,11 @@ class QSRunnable : public platform::Object {
   std::any waitForProductUntilDate(platform::Date date) const;
 
  protected:
+  // What runWithObject does around the delegate's call: registers as the
+  // thread's current runnable, runs `body`, becomes finished, unregisters.
+  // An exception from `body` leaves the runnable unfinished and registered.
+  void runAsCurrent(const std::function<void()>& body);
+
   mutable std::recursive_mutex lock_;
 
  private:

@@ -1,5 +1,7 @@
 #include "Engine/pipeline/QSSecondStage.h"
 
+#include "platform/Deadline.h"
+
 QSSecondStage::QSSecondStage(const QSPipelineHost* host, platform::NotificationCenter* center, bool startThreads)
     : host_(host), center_(center), startThreads_(startThreads) {}
 
@@ -72,7 +74,10 @@ bool QSSecondStage::stopAll(std::chrono::milliseconds timeout) {
     std::lock_guard<std::recursive_mutex> lock(lock_);
     all.insert(all.end(), terminated_.begin(), terminated_.end());
   }
+  // Every thread is told first, so that they all wind down at once.
+  for (const auto& environment : all) environment->stopThread(std::chrono::milliseconds(0));
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
   bool ended = true;
-  for (const auto& environment : all) ended = environment->stopThread(timeout) && ended;
+  for (const auto& environment : all) ended = environment->stopThread(platform::timeLeftUntil(deadline)) && ended;
   return ended;
 }

@@ -43,7 +43,8 @@ class QSSecondStage : public QSBackupConversionChangedNotificationProtocol {
   void distributeFSEvent(const QSPerUIDEnvironment::FSEvent& event);
   std::vector<std::string> uids() const;
 
-  // Ends every environment's thread (engine teardown).
+  // Ends every environment's thread (engine teardown); answers whether all
+  // ended within `timeout`.
   bool stopAll(std::chrono::milliseconds timeout);
 
  private:

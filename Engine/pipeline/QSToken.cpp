@@ -1,5 +1,35 @@
 #include "Engine/pipeline/QSToken.h"
 
+#include <utility>
+
+std::shared_ptr<QSToken> QSToken::initWithDelegate(QSTokenDelegate* delegate) {
+  auto token = std::make_shared<QSToken>(Passkey());
+  token->tokenDelegate_ = delegate;
+  return token;
+}
+
+template <class Environment>
+void QSToken::runWithEnvironment(Environment& environment) {
+  runAsCurrent([&] {
+    if (tokenDelegate_) tokenDelegate_->runPerDestination(*this, environment);
+  });
+}
+
+void QSToken::runWithObject(QSUserEnvironment& environment) { runWithEnvironment(environment); }
+
+void QSToken::runWithObject(QSPerUIDEnvironment& environment) { runWithEnvironment(environment); }
+
+void QSToken::setContext(std::optional<Categories> categories) {
+  std::optional<Categories> old;
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  old = std::exchange(categories_, std::move(categories));
+}
+
+std::optional<QSToken::Categories> QSToken::context() const {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  return categories_;
+}
+
 void QSToken::setDestinationPath_uid(std::optional<std::string> destinationPath, std::optional<std::string> uid) {
   std::lock_guard<std::recursive_mutex> lock(lock_);
   destinationPath_ = std::move(destinationPath);

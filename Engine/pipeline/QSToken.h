@@ -1,8 +1,8 @@
 // The runnable that travels through the backup pipeline: who is called
-// when the request is served, what it concerns (destination folder, backup
-// identifier, version depth, whether files are really copied) and, once the
-// first stage has counted the user's files, a private copy of the counted
-// tree and tally.
+// when a stage has served the request (a QSTokenDelegate), what it concerns
+// (destination folder, backup identifier, version depth, whether files are
+// really copied, the categories to back up) and, once the first stage has
+// counted the user's files, a private copy of the counted tree and tally.
 //
 // Invariant: a token wants a destination tally exactly when both the
 // destination path and the uid are present.  Destination path, uid, tree,
@@ -13,29 +13,42 @@
 
 #include <atomic>
 #include <optional>
+#include <set>
 #include <string>
 
-#include "Engine/records/QSMutableTally.h"
 #include "Engine/pipeline/QSRunnable.h"
+#include "Engine/pipeline/QSTokenDelegate.h"
+#include "Engine/records/QSMutableTally.h"
 
 class QSFSMutableNode;
 
 class QSToken : public QSRunnable {
  public:
+  // A backup's categories: the token's context.
+  using Categories = std::set<std::string>;
+
   explicit QSToken(Passkey passkey) : QSRunnable(passkey) {}
 
-  template <class Delegate>
-  static std::shared_ptr<QSToken> initWithDelegate_selector_context(Delegate* delegate, Selector<Delegate> selector,
-                                                                    std::any context) {
-    auto token = std::make_shared<QSToken>(Passkey());
-    token->setDelegate_selector_context(delegate, selector, std::move(context));
-    return token;
-  }
+  // A token reporting to `delegate` (not owned; may be nullptr, and then
+  // running the token only marks it finished).
+  static std::shared_ptr<QSToken> initWithDelegate(QSTokenDelegate* delegate);
+
+  // Run by a stage on its own thread when it has finished with the token:
+  // registers the token as the thread's current runnable and calls the
+  // delegate's runPerDestination for that stage.
+  void runWithObject(QSUserEnvironment& environment);
+  void runWithObject(QSPerUIDEnvironment& environment);
 
   void setDestinationPath_uid(std::optional<std::string> destinationPath, std::optional<std::string> uid);
   std::optional<std::string> destinationPath() const;
   std::optional<std::string> uid() const;
   bool wantsDestinationTally() const;
+
+  // The categories a backup covers (nothing for a count, or a backup of an
+  // entry without scheduled categories).  A token's context is always this,
+  // so it is typed here instead of the runnable's general context.
+  void setContext(std::optional<Categories> categories);
+  std::optional<Categories> context() const;
 
   void setTree_tally(std::shared_ptr<QSFSMutableNode> tree, std::shared_ptr<QSMutableTally> tally);
   void getTree_tally(std::shared_ptr<QSFSMutableNode>* tree, std::shared_ptr<QSMutableTally>* tally) const;
@@ -46,8 +59,13 @@ class QSToken : public QSRunnable {
   void setVersionDepth(uint32_t versionDepth) { versionDepth_.store(versionDepth); }
 
  private:
+  template <class Environment>
+  void runWithEnvironment(Environment& environment);
+
+  QSTokenDelegate* tokenDelegate_ = nullptr;
   std::optional<std::string> destinationPath_;
   std::optional<std::string> uid_;
+  std::optional<Categories> categories_;
   std::shared_ptr<QSFSMutableNode> tree_;
   std::shared_ptr<QSMutableTally> tally_;
   std::atomic<bool> wantsBackup_{false};

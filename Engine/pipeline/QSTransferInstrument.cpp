@@ -128,6 +128,8 @@ bool QSTransferInstrument::copyNode_inCategory_fileSize_sizeOfLatestVersion(cons
   options.deleteDestinationIfError = true;
   // The transfer makes its copies durable with one sync of the disk at its end.
   options.syncData = false;
+  // A cancelled backup stops in the middle of a large file, too.
+  options.cancelled = isCancelled_;
   platform::FileError error;
   if (platform::FileCopier::copyBeneath(sourcePath_, node->relativePath(), destinationPath_,
                                         platform::appendingPathComponent(parentRelative, storedName), options, &error,
@@ -138,6 +140,8 @@ bool QSTransferInstrument::copyNode_inCategory_fileSize_sizeOfLatestVersion(cons
     return true;
   }
   copyError_ = error;
+  // A copy stopped because the backup was cancelled is not the file's failure.
+  if (isCancelled_ && isCancelled_->load()) return false;
   // Free space is read at the backup folder itself: the file's own folder may be missing.
   const auto freeSpace = platform::FileManager::freeSpaceAtPath(destinationPath_);
   const int64_t code =

@@ -69,7 +69,6 @@ void QSUserEnvironment::dispatchQueuedTokens() {
     explicit Exposure(bool& f) : flag(f) { flag = true; }
     ~Exposure() { flag = false; }
   };
-  const auto self = this->self<QSUserEnvironment>();
   // Tokens are taken by index: running one may queue another.
   for (size_t i = 0; i < queue_.size(); ++i) {
     const std::shared_ptr<QSToken> token = queue_[i];
@@ -82,7 +81,7 @@ void QSUserEnvironment::dispatchQueuedTokens() {
       token->setTree_tally(std::move(tree), tally_->mutableCopy());
     }
     Exposure exposed(isProductExposed_);
-    token->runWithObject(self);
+    token->runWithObject(*this);
   }
 }
 

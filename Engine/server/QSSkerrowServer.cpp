@@ -5,6 +5,7 @@
 #include "Engine/files/QSBlackList.h"
 #include "Engine/files/QSFSNodeStack.h"
 #include "Engine/records/QSVolumeFunctions.h"
+#include "platform/Deadline.h"
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
@@ -65,9 +66,13 @@ QSSkerrowServer::~QSSkerrowServer() {
 }
 
 bool QSSkerrowServer::stopPipeline(std::chrono::milliseconds timeout) {
+  // Both stages are told before either is waited for.
+  if (firstStage_) firstStage_->stopAll(std::chrono::milliseconds(0));
+  if (secondStage_) secondStage_->stopAll(std::chrono::milliseconds(0));
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
   bool ended = true;
-  if (firstStage_) ended = firstStage_->stopAll(timeout) && ended;
-  if (secondStage_) ended = secondStage_->stopAll(timeout) && ended;
+  if (firstStage_) ended = firstStage_->stopAll(platform::timeLeftUntil(deadline)) && ended;
+  if (secondStage_) ended = secondStage_->stopAll(platform::timeLeftUntil(deadline)) && ended;
   return ended;
 }
 

@@ -38,8 +38,8 @@
 #include "Engine/records/QSBackupEntry.h"
 #include "Engine/pipeline/QSFirstStage.h"
 #include "Engine/pipeline/QSPipelineHost.h"
-#include "Engine/pipeline/QSRunnable.h"
 #include "Engine/pipeline/QSSecondStage.h"
+#include "Engine/pipeline/QSTokenDelegate.h"
 #include "Engine/server/QSServerEnvironment.h"
 #include "platform/Date.h"
 #include "platform/ThreadSafeDictionary.h"
@@ -47,7 +47,10 @@
 #include "platform/NotificationCenter.h"
 #include "platform/Value.h"
 
-class QSSkerrowServer : public platform::Object, public QSPipelineHost, public QSBackupConverterDelegate {
+class QSSkerrowServer : public platform::Object,
+                        public QSPipelineHost,
+                        public QSTokenDelegate,
+                        public QSBackupConverterDelegate {
  public:
   // The single server of the process, made (from the process's own
   // environment) on first use.  Thread-safe.
@@ -146,8 +149,11 @@ class QSSkerrowServer : public platform::Object, public QSPipelineHost, public Q
   void rescheduleBackupsForClient_uid_startImmediately(const Client& client, const std::string& uid, bool start);
   void rescheduleBackupsForClient_startImmediately(const Client& client, bool start);
   void cancelAndUnscheduleJobsForClient(const Client& client);
-  // A token's stage has finished with it (stage threads).
-  void runPerDestination(const QSRunnable::Argument& environment);
+  // A token's stage has finished with it (stage threads): after the first
+  // stage a token naming a destination moves on to the second stage; after
+  // the second a backup's end is recorded on the main thread.
+  void runPerDestination(QSToken& token, QSUserEnvironment& environment) override;
+  void runPerDestination(QSToken& token, QSPerUIDEnvironment& environment) override;
   void finishBackupOnMainThreadForUID(const std::string& uid);
   // Admits the client's user to the first stage and attaches the client to
   // it at the main loop's next pass; false when the user cannot be served.

@@ -50,7 +50,7 @@ std::optional<std::string> QSSkerrowServer::shortUserNameOf(const Client& client
 
 void QSSkerrowServer::pipelineTokenWithUID_backupFlag_forClient(const std::string& uid, bool backup,
                                                                 const Client& client) {
-  auto token = QSToken::initWithDelegate_selector_context(this, &QSSkerrowServer::runPerDestination, std::any());
+  auto token = QSToken::initWithDelegate(this);
   if (client) {
     const auto userName = shortUserNameOf(client);
     if (!userName) return;
@@ -132,19 +132,18 @@ void QSSkerrowServer::cancelAndUnscheduleJobsForClient(const Client& client) {
     if (entry->shortUserName() == *userName) entry->setScheduled(false);
 }
 
-void QSSkerrowServer::runPerDestination(const QSRunnable::Argument& object) {
-  const auto token = std::dynamic_pointer_cast<QSToken>(QSRunnable::currentRunnable());
-  if (!token) return;
-  if (std::dynamic_pointer_cast<QSUserEnvironment>(object)) {
-    if (token->wantsDestinationTally()) secondStage_->enqueue_forUID(token, token->uid().value_or(std::string()));
-  } else if (const auto environment = std::dynamic_pointer_cast<QSPerUIDEnvironment>(object)) {
-    if (!token->wantsBackup()) return;
-    const std::weak_ptr<QSSkerrowServer> weak = self<QSSkerrowServer>();
-    auto finish = [weak, uid = environment->uid()] {
-      if (auto server = weak.lock()) server->finishBackupOnMainThreadForUID(uid);
-    };
-    if (runLoop_) runLoop_->post(std::move(finish));
-  }
+void QSSkerrowServer::runPerDestination(QSToken& token, QSUserEnvironment&) {
+  if (token.wantsDestinationTally())
+    secondStage_->enqueue_forUID(token.self<QSToken>(), token.uid().value_or(std::string()));
+}
+
+void QSSkerrowServer::runPerDestination(QSToken& token, QSPerUIDEnvironment& environment) {
+  if (!token.wantsBackup()) return;
+  const std::weak_ptr<QSSkerrowServer> weak = self<QSSkerrowServer>();
+  auto finish = [weak, uid = environment.uid()] {
+    if (auto server = weak.lock()) server->finishBackupOnMainThreadForUID(uid);
+  };
+  if (runLoop_) runLoop_->post(std::move(finish));
 }
 
 void QSSkerrowServer::finishBackupOnMainThreadForUID(const std::string& uid) {

@@ -166,7 +166,7 @@ class CallLogClient : public CallbackRoutingClient {
 
 // The delegate of tokens: records each run with what the running token
 // carried at that moment.  `onRun` runs inside the delegate call.
-class TokenDelegate {
+class TokenDelegate : public QSTokenDelegate {
  public:
   struct Run {
     std::shared_ptr<QSToken> token;
@@ -182,7 +182,16 @@ class TokenDelegate {
 
   std::function<void(const Run&)> onRun;
 
-  void dispatch(const QSRunnable::Argument& object) {
+  void runPerDestination(QSToken&, QSUserEnvironment& environment) override {
+    dispatch(environment.self<QSUserEnvironment>());
+  }
+  void runPerDestination(QSToken&, QSPerUIDEnvironment& environment) override {
+    dispatch(environment.self<QSPerUIDEnvironment>());
+  }
+
+  // Records the run of the thread's current token (found as the stages'
+  // delegate finds it) with the environment that ran it.
+  void dispatch(const std::shared_ptr<platform::Object>& object) {
     Run run;
     run.token = std::dynamic_pointer_cast<QSToken>(QSRunnable::currentRunnable());
     run.object = object;
@@ -191,8 +200,7 @@ class TokenDelegate {
       run.uid = run.token->uid();
       run.wantsBackup = run.token->wantsBackup();
       run.versionDepth = run.token->versionDepth();
-      const std::any context = run.token->context();
-      if (const auto* set = std::any_cast<std::set<std::string>>(&context)) run.categories = *set;
+      run.categories = run.token->context();
       run.token->getTree_tally(&run.tree, &run.tally);
     }
     if (onRun) onRun(run);
@@ -210,8 +218,8 @@ class TokenDelegate {
   std::shared_ptr<QSToken> token(std::optional<std::string> destination, std::optional<std::string> uid,
                                  bool wantsBackup = false, uint32_t versionDepth = 0,
                                  std::optional<std::set<std::string>> categories = std::nullopt) {
-    auto t = QSToken::initWithDelegate_selector_context(
-        this, &TokenDelegate::dispatch, categories ? std::any(*categories) : std::any());
+    auto t = QSToken::initWithDelegate(this);
+    t->setContext(std::move(categories));
     t->setDestinationPath_uid(std::move(destination), std::move(uid));
     t->setWantsBackup(wantsBackup);
     t->setVersionDepth(versionDepth);
@@ -267,7 +275,7 @@ inline std::shared_ptr<QSFSMutableNode> mergedTreeOf(const std::string& home, co
   auto user = QSUserEnvironment::initWithUserName_homeDirectory("ann", home);
   platform::NotificationCenter center;
   auto environment = QSPerUIDEnvironment::initWithUserEnvironment_uid(user, "U", nullptr, &center);
-  auto token = QSToken::initWithDelegate_selector_context<TokenDelegate>(nullptr, nullptr, std::any());
+  auto token = QSToken::initWithDelegate(nullptr);
   token->setDestinationPath_uid(destination, "U");
   token->setTree_tally(tree, QSMutableTally::init());
   environment->runJobWithToken(token);

@@ -5,16 +5,32 @@
 #include <set>
 #include <thread>
 
+#include "Engine/pipeline/QSPerUIDEnvironment.h"
+#include "Engine/pipeline/QSUserEnvironment.h"
+#include "platform/NotificationCenter.h"
+
 namespace {
-class Delegate {
+class Delegate : public QSTokenDelegate {
  public:
   int calls = 0;
-  void runPerDestination(const QSRunnable::Argument&) { ++calls; }
+  int userCalls = 0;
+  int destinationCalls = 0;
+  std::shared_ptr<QSRunnable> current;
+  void runPerDestination(QSToken&, QSUserEnvironment&) override {
+    ++calls;
+    ++userCalls;
+    current = QSRunnable::currentRunnable();
+  }
+  void runPerDestination(QSToken&, QSPerUIDEnvironment&) override {
+    ++calls;
+    ++destinationCalls;
+    current = QSRunnable::currentRunnable();
+  }
 };
 }  // namespace
 
 TEST(QSTokenTest, WantsDestinationTallyOnlyWithBothPathAndUid) {
-  auto t = QSToken::initWithDelegate_selector_context<Delegate>(nullptr, nullptr, std::any());
+  auto t = QSToken::initWithDelegate(nullptr);
   EXPECT_FALSE(t->wantsDestinationTally());
   t->setDestinationPath_uid("/media/disk/qs skerrow.skstor/U", std::nullopt);
   EXPECT_FALSE(t->wantsDestinationTally());
@@ -27,7 +43,7 @@ TEST(QSTokenTest, WantsDestinationTallyOnlyWithBothPathAndUid) {
 }
 
 TEST(QSTokenTest, TreeAndTallyTravelTogether) {
-  auto t = QSToken::initWithDelegate_selector_context<Delegate>(nullptr, nullptr, std::any());
+  auto t = QSToken::initWithDelegate(nullptr);
   auto tally = QSMutableTally::init();
   t->setTree_tally(nullptr, tally);
   std::shared_ptr<QSFSMutableNode> tree;
@@ -39,19 +55,53 @@ TEST(QSTokenTest, TreeAndTallyTravelTogether) {
 
 TEST(QSTokenTest, PlainFieldsAndContext) {
   Delegate d;
-  auto t = QSToken::initWithDelegate_selector_context(&d, &Delegate::runPerDestination,
-                                                      std::any(std::set<std::string>{"Music"}));
+  auto t = QSToken::initWithDelegate(&d);
+  t->setContext(std::set<std::string>{"Music"});
   t->setWantsBackup(true);
   t->setVersionDepth(4);
   EXPECT_TRUE(t->wantsBackup());
   EXPECT_EQ(t->versionDepth(), 4u);
-  EXPECT_EQ(std::any_cast<std::set<std::string>>(t->context()), std::set<std::string>{"Music"});
-  t->run();
+  EXPECT_EQ(t->context(), std::set<std::string>{"Music"});
+  auto user = QSUserEnvironment::initWithUserName_homeDirectory("ann", "/home/ann");
+  t->runWithObject(*user);
   EXPECT_EQ(d.calls, 1);
 }
 
+TEST(QSTokenTest, EachStageReachesItsOwnDelegateCallWithTheTokenAsCurrentRunnable) {
+  Delegate d;
+  auto t = QSToken::initWithDelegate(&d);
+  auto user = QSUserEnvironment::initWithUserName_homeDirectory("ann", "/home/ann");
+  platform::NotificationCenter center;
+  auto destination = QSPerUIDEnvironment::initWithUserEnvironment_uid(user, "U", nullptr, &center);
+  t->runWithObject(*user);
+  EXPECT_EQ(d.userCalls, 1);
+  EXPECT_EQ(d.destinationCalls, 0);
+  EXPECT_EQ(d.current, t);
+  t->runWithObject(*destination);
+  EXPECT_EQ(d.userCalls, 1);
+  EXPECT_EQ(d.destinationCalls, 1);
+  EXPECT_EQ(d.current, t);
+  EXPECT_TRUE(t->isFinished());
+  EXPECT_EQ(QSRunnable::currentRunnable(), nullptr);
+}
+
+TEST(QSTokenTest, ATokenWithoutDelegateStillFinishes) {
+  auto t = QSToken::initWithDelegate(nullptr);
+  auto user = QSUserEnvironment::initWithUserName_homeDirectory("ann", "/home/ann");
+  t->runWithObject(*user);
+  EXPECT_TRUE(t->isFinished());
+}
+
+TEST(QSTokenTest, ACountHasNoContext) {
+  auto t = QSToken::initWithDelegate(nullptr);
+  EXPECT_EQ(t->context(), std::nullopt);
+  t->setContext(std::set<std::string>{"Mail"});
+  t->setContext(std::nullopt);
+  EXPECT_EQ(t->context(), std::nullopt);
+}
+
 TEST(QSTokenTest, LockedAccessorsFromManyThreads) {
-  auto t = QSToken::initWithDelegate_selector_context<Delegate>(nullptr, nullptr, std::any());
+  auto t = QSToken::initWithDelegate(nullptr);
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i)
     threads.emplace_back([&, i] {

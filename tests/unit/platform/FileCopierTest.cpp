@@ -5,6 +5,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 
@@ -225,4 +226,31 @@ TEST(FileCopierTest, LargeFileIsCopiedByteForByte) {
   const std::string from = dir.write("big", data);
   ASSERT_TRUE(copyPath(from, dir / "copy", true, false, false));
   EXPECT_EQ(dir.read("copy"), data);
+}
+
+TEST(FileCopierTest, ASetCancelFlagStopsTheCopyWithOperationCanceledAndLeavesNothing) {
+  skerrow_test::TempDir dir;
+  const std::string dest = dir.mkdir("dest");
+  dir.write("big", std::string(CopyOptions::kCancelChunkBytes * 2 + 5, 'c'));
+  std::atomic<bool> cancelled{true};
+  CopyOptions options;
+  options.cancelled = &cancelled;
+  FileError error;
+  EXPECT_FALSE(FileCopier::copyBeneath(dir.path(), "big", dest, "big@0", options, &error));
+  EXPECT_EQ(error.code, ECANCELED);
+  EXPECT_EQ(entriesIn(dest), 0u);
+}
+
+TEST(FileCopierTest, AClearCancelFlagCopiesALargeFileWholeInChunks) {
+  skerrow_test::TempDir dir;
+  const std::string dest = dir.mkdir("dest");
+  std::string data(CopyOptions::kCancelChunkBytes * 2 + 5, '\0');
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>((i * 2654435761u) >> 24);
+  dir.write("big", data);
+  std::atomic<bool> cancelled{false};
+  CopyOptions options;
+  options.cancelled = &cancelled;
+  FileError error;
+  ASSERT_TRUE(FileCopier::copyBeneath(dir.path(), "big", dest, "big@0", options, &error));
+  EXPECT_EQ(dir.read("dest/big@0"), data);
 }

@@ -96,7 +96,7 @@ TEST(QSSkerrowServerDispatchTest, BackupRequestWhileATallyOfTheSameUIDRunsUpgrad
   EXPECT_EQ(m.destination()->currentToken(), running);
   EXPECT_TRUE(running->wantsBackup());
   EXPECT_EQ(running->versionDepth(), 2u);
-  EXPECT_EQ(std::any_cast<std::set<std::string>>(running->context()), (std::set<std::string>{"Documents"}));
+  EXPECT_EQ(running->context(), (std::set<std::string>{"Documents"}));
   EXPECT_EQ(m.user()->queueCount(), 0u);
 }
 
