@@ -7,8 +7,8 @@
 #include <string>
 
 #include "Engine/files/QSFSNodeStack.h"
-#include "Engine/server/QSSkerrowServer.h"
 #include "Engine/records/QSVolumeFunctions.h"
+#include "Engine/server/QSSkerrowServer.h"
 #include "ipc/QSCallbackBus.h"
 #include "ipc/QSServiceRegistry.h"
 #include "ipc/QSSkerrowServerAdaptor.h"

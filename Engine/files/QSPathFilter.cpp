@@ -3,8 +3,8 @@
 #include <vector>
 
 #include "Engine/files/QSBlackList.h"
-#include "Engine/records/QSCategoryIdentifiers.h"
 #include "Engine/files/QSFSNodeStack.h"
+#include "Engine/records/QSCategoryIdentifiers.h"
 #include "platform/FileManager.h"
 
 namespace {

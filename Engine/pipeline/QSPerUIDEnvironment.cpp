@@ -1,11 +1,11 @@
 #include "Engine/pipeline/QSPerUIDEnvironment.h"
 
 #include "Engine/files/FSDestinationTraversal.h"
+#include "Engine/files/QSFSDepthFirstTreeTraversal.h"
+#include "Engine/pipeline/QSTransferInstrument.h"
 #include "Engine/records/QSBackupAttributes.h"
 #include "Engine/records/QSBackupEntry.h"
 #include "Engine/records/QSCategoryIdentifiers.h"
-#include "Engine/files/QSFSDepthFirstTreeTraversal.h"
-#include "Engine/pipeline/QSTransferInstrument.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
 #include "platform/Path.h"

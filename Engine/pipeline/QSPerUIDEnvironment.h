@@ -32,14 +32,14 @@
 #include <string>
 
 #include "Engine/files/FSDepthFirstVisitor.h"
-#include "Engine/pipeline/QSIdleWait.h"
-#include "Engine/pipeline/QSAtomicHolders.h"
 #include "Engine/files/QSDestinationTraits.h"
-#include "Engine/records/QSMutableTally.h"
+#include "Engine/pipeline/QSAtomicHolders.h"
+#include "Engine/pipeline/QSIdleWait.h"
 #include "Engine/pipeline/QSPipelineHost.h"
 #include "Engine/pipeline/QSToken.h"
 #include "Engine/pipeline/QSTransferInstrumentDelegate.h"
 #include "Engine/pipeline/QSUserEnvironment.h"
+#include "Engine/records/QSMutableTally.h"
 #include "platform/KeyValueObserving.h"
 #include "platform/NotificationCenter.h"
 #include "platform/OVQueue.h"

@@ -17,8 +17,8 @@
 #include <mutex>
 
 #include "platform/Date.h"
-#include "platform/Object.h"
 #include "platform/OVThread.h"
+#include "platform/Object.h"
 
 class QSRunnable : public platform::Object {
  public:

@@ -32,13 +32,13 @@
 #include <set>
 #include <string>
 
-#include "Engine/records/QSBackupError.h"
 #include "Engine/files/QSDestinationTraits.h"
 #include "Engine/files/QSFSBasicNodeVisitor.h"
 #include "Engine/files/QSFSNode.h"
 #include "Engine/files/QSFSNodeStack.h"
-#include "Engine/records/QSMutableTally.h"
 #include "Engine/pipeline/QSTransferInstrumentDelegate.h"
+#include "Engine/records/QSBackupError.h"
+#include "Engine/records/QSMutableTally.h"
 #include "platform/FileError.h"
 
 class QSTransferInstrument : public QSFSBasicNodeVisitor {

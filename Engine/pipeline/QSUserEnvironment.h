@@ -27,13 +27,13 @@
 #include <string>
 #include <vector>
 
-#include "Engine/files/FSDepthFirstVisitor.h"
-#include "Engine/pipeline/QSIdleWait.h"
 #include "Engine/clients/QSBackupClientProtocol.h"
-#include "Engine/files/QSFSNode.h"
-#include "Engine/records/QSMutableTally.h"
 #include "Engine/clients/QSSkerrowClientProxy.h"
+#include "Engine/files/FSDepthFirstVisitor.h"
+#include "Engine/files/QSFSNode.h"
+#include "Engine/pipeline/QSIdleWait.h"
 #include "Engine/pipeline/QSToken.h"
+#include "Engine/records/QSMutableTally.h"
 #include "platform/KeyValueObserving.h"
 #include "platform/OVThread.h"
 #include "platform/Object.h"

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/NotificationCenter.h"
 #include "platform/Date.h"
+#include "platform/NotificationCenter.h"
 #include "platform/RunLoop.h"
 #include "platform/UserDatabase.h"
 

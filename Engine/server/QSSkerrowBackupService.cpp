@@ -2,11 +2,11 @@
 
 #include <sys/stat.h>
 
-#include "Engine/records/QSBackupAttributes.h"
 #include "Engine/pipeline/QSFirstStage.h"
-#include "Engine/server/QSSkerrowServer.h"
+#include "Engine/records/QSBackupAttributes.h"
 #include "Engine/records/QSUUID.h"
 #include "Engine/records/QSVolumeFunctions.h"
+#include "Engine/server/QSSkerrowServer.h"
 #include "platform/Exception.h"
 #include "platform/FileCopier.h"
 #include "platform/FileManager.h"

@@ -35,16 +35,16 @@
 
 #include "Engine/clients/QSBackupClientProtocol.h"
 #include "Engine/conversion/QSBackupConverter.h"
-#include "Engine/records/QSBackupEntry.h"
 #include "Engine/pipeline/QSFirstStage.h"
 #include "Engine/pipeline/QSPipelineHost.h"
 #include "Engine/pipeline/QSSecondStage.h"
 #include "Engine/pipeline/QSTokenDelegate.h"
+#include "Engine/records/QSBackupEntry.h"
 #include "Engine/server/QSServerEnvironment.h"
 #include "platform/Date.h"
-#include "platform/ThreadSafeDictionary.h"
-#include "platform/Object.h"
 #include "platform/NotificationCenter.h"
+#include "platform/Object.h"
+#include "platform/ThreadSafeDictionary.h"
 #include "platform/Value.h"
 
 class QSSkerrowServer : public platform::Object,

@@ -4,8 +4,8 @@
 
 #include "Engine/records/QSBackupAttributes.h"
 #include "Engine/records/QSMemoryCoder.h"
-#include "Engine/server/QSSkerrowServer.h"
 #include "Engine/records/QSVolumeFunctions.h"
+#include "Engine/server/QSSkerrowServer.h"
 #include "platform/Directory.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"

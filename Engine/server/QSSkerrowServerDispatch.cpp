@@ -4,9 +4,9 @@
 // finished backups and each user's exclusion filter.
 #include <mutex>
 
-#include "Engine/server/QSSkerrowServer.h"
 #include "Engine/pipeline/QSToken.h"
 #include "Engine/pipeline/QSUserEnvironment.h"
+#include "Engine/server/QSSkerrowServer.h"
 #include "platform/Exception.h"
 #include "platform/Log.h"
 #include "platform/RegexPredicate.h"

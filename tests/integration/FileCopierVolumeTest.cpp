@@ -19,9 +19,9 @@
 #include "platform/FileManager.h"
 #include "platform/UnicodeText.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/FSTraversalTestSupport.h"
 #include "tests/support/FileSystemImage.h"
 #include "tests/support/TempDir.h"
-#include "tests/support/FSTraversalTestSupport.h"
 
 using platform::CopyOptions;
 using platform::FileAttributes;

@@ -14,12 +14,12 @@
 #include <string>
 #include <thread>
 
+#include "Engine/files/QSBlackList.h"
 #include "Engine/records/QSBackupAttributes.h"
 #include "Engine/records/QSBackupEntry.h"
-#include "Engine/files/QSBlackList.h"
 #include "Engine/records/QSCategoryIdentifiers.h"
-#include "Engine/server/QSSkerrowServer.h"
 #include "Engine/records/QSVersionName.h"
+#include "Engine/server/QSSkerrowServer.h"
 #include "platform/PropertyList.h"
 #include "tests/support/EngineFixture.h"
 #include "tests/support/FileSystemImage.h"

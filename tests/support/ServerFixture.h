@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "Engine/records/QSBackupAttributes.h"
 #include "Engine/conversion/QSBackupConverter.h"
-#include "Engine/records/QSBackupEntry.h"
 #include "Engine/files/QSBlackList.h"
+#include "Engine/records/QSBackupAttributes.h"
+#include "Engine/records/QSBackupEntry.h"
 #include "Engine/server/QSSkerrowServer.h"
 #include "platform/Log.h"
 #include "platform/ManualRunLoop.h"

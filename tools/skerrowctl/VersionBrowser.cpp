@@ -13,8 +13,8 @@
 #include <cstring>
 #include <utility>
 
-#include "Engine/records/QSBackupAttributes.h"
 #include "Engine/files/QSFSVersion.h"
+#include "Engine/records/QSBackupAttributes.h"
 #include "Engine/records/QSVersionName.h"
 #include "platform/Directory.h"
 #include "platform/FileCopier.h"

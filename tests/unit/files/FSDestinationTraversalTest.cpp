@@ -7,8 +7,8 @@
 #include <set>
 #include <unistd.h>
 
-#include "tests/support/TempDir.h"
 #include "tests/support/FSTraversalTestSupport.h"
+#include "tests/support/TempDir.h"
 
 using skerrow_test::RecordingFSVisitor;
 

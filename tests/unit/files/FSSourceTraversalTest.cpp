@@ -10,8 +10,8 @@
 #include "Engine/files/QSBlackList.h"
 #include "Engine/files/QSPathFilter.h"
 #include "platform/PropertyList.h"
-#include "tests/support/TempDir.h"
 #include "tests/support/FSTraversalTestSupport.h"
+#include "tests/support/TempDir.h"
 
 using skerrow_test::RecordingFSVisitor;
 

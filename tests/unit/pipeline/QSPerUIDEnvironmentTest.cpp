@@ -9,8 +9,8 @@
 
 #include "platform/Log.h"
 #include "tests/support/Eventually.h"
-#include "tests/support/TempDir.h"
 #include "tests/support/PipelineTestSupport.h"
+#include "tests/support/TempDir.h"
 
 using skerrow_test::CallLogClient;
 using skerrow_test::TokenDelegate;

@@ -5,8 +5,8 @@
 #include <chrono>
 
 #include "tests/support/Eventually.h"
-#include "tests/support/TempDir.h"
 #include "tests/support/PipelineTestSupport.h"
+#include "tests/support/TempDir.h"
 
 using skerrow_test::CallLogClient;
 using skerrow_test::TokenDelegate;

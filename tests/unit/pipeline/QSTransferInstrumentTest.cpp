@@ -9,8 +9,8 @@
 
 #include "Engine/files/QSDestinationTraits.h"
 #include "Engine/files/QSFSDepthFirstTreeTraversal.h"
-#include "tests/support/TempDir.h"
 #include "tests/support/PipelineTestSupport.h"
+#include "tests/support/TempDir.h"
 
 using skerrow_test::Counts;
 using skerrow_test::destinationCounts;

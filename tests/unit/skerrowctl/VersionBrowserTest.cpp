@@ -12,8 +12,8 @@
 #include "Engine/files/QSFSDepthFirstTreeTraversal.h"
 #include "Engine/pipeline/QSTransferInstrument.h"
 #include "platform/FileManager.h"
-#include "tests/support/TempDir.h"
 #include "tests/support/PipelineTestSupport.h"
+#include "tests/support/TempDir.h"
 #include "tools/skerrowctl/RenameIntoPlace.h"
 
 using skerrowctl::HomeRelativePath;
