@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "Engine/conversion/QSBackupConverter.h"
 #include "Engine/files/QSFSNodeStack.h"
 #include "Engine/records/QSVolumeFunctions.h"
 #include "Engine/server/QSSkerrowServer.h"
@@ -27,6 +28,9 @@ namespace {
 // How long the pipeline's threads get to stop at a SIGTERM; the whole exit
 // stays within the 2 s a service manager is promised.
 constexpr std::chrono::milliseconds kPipelineStopTimeout{1500};
+// How long conversions of older backups get to stop (they stop at their next
+// file; the volume keeps the state reached, and the next start resumes).
+constexpr std::chrono::milliseconds kConverterStopTimeout{300};
 
 // "-userApp" (any letter case) runs the engine for the invoking user on the session bus.
 bool runsAsUserApp() {
@@ -49,6 +53,10 @@ int main() {
     auto bus = platform::BusConnection::open(busKind);
     auto callbacks = std::make_shared<QSCallbackBus>(busKind);
     auto server = QSSkerrowServer::instance();
+    // Every volume that appears gets a converter of the older product's backups.
+    server->setConverterFactory([](const std::string& mountPath, QSBackupConverterDelegate* delegate) {
+      return QSBackupConverter::initWithDelegate_forVolume(delegate, mountPath);
+    });
     QSServiceRegistry services(bus->connection(), loop, callbacks, server);
     QSSkerrowServerAdaptor adaptor(bus->connection(), server, services);
     bus->attachToRunLoop(loop);
@@ -73,6 +81,7 @@ int main() {
     if (loop.stoppedBySignal()) platform::Log::format("Stopped by signal %d", loop.stoppedBySignal());
     // Clients are no longer called; their bus objects go with the callback thread.
     callbacks->stop();
+    if (!server->stopConverters(kConverterStopTimeout)) platform::Log::line("A conversion did not stop in time");
     // The walks and copies under way stop at their next check (a copy within
     // one chunk, its temporary file removed), so no thread outlives main.
     if (!server->stopPipeline(kPipelineStopTimeout))
