@@ -5,7 +5,10 @@
 #include <ctime>
 #include <iomanip>
 #include <sstream>
+#include <set>
 #include <thread>
+
+#include <unistd.h>
 
 #include "Engine/records/QSBackupEntry.h"
 #include "Engine/records/QSCategoryIdentifiers.h"
@@ -15,6 +18,7 @@
 #include "platform/Date.h"
 #include "platform/RegexPredicate.h"
 #include "tools/skerrowctl/BackupFollower.h"
+#include "tools/skerrowctl/ConversionFollower.h"
 #include "tools/skerrowctl/Json.h"
 #include "tools/skerrowctl/VersionBrowser.h"
 
@@ -27,6 +31,8 @@ constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 constexpr int kUnreachable = 3;
 constexpr int kInterrupted = 130;
+// The state of a conversion that could not begin: the reason follows.
+constexpr const char* kNotConvertedPrefix = "QS Tidevault - NotConverted: ";
 // How long a followed backup may stay silent before skerrowctl gives up on it.
 constexpr std::chrono::seconds kIdleLimit{300};
 
@@ -466,11 +472,83 @@ int heartbeat(Context& c) {
   return kOK;
 }
 
+// The backups the client may see: every mounted one for root, else the user's own.
+Entries visibleBackups(Context& c) {
+  if (::geteuid() != 0 || c.line.user) return c.backups();
+  Entries entries;
+  for (const auto& [uid, record] : c.connect().server().db2()) entries[uid] = wire::fromWire<QSBackupEntry>(record);
+  return entries;
+}
+
 int conversion(Context& c) {
-  const auto state = c.connect().server().conversionStateForMountPath(c.line.arguments[0]);
-  c.report(state.empty() ? "No conversion runs on " + c.line.arguments[0] : "Conversion: " + state.front(),
-           Json::object().set("mountPath", c.line.arguments[0]).set("state", state.empty() ? Json() : Json(state.front())));
-  return kOK;
+  std::set<std::string> mountPaths;
+  if (!c.line.arguments.empty()) {
+    std::string mountPath = c.line.arguments[0];
+    while (mountPath.size() > 1 && mountPath.back() == '/') mountPath.pop_back();
+    mountPaths.insert(mountPath);
+  } else {
+    for (const auto& [bsdName, volume] : QSVolumeInfoForLocalVolumes()) mountPaths.insert(volume->mountPoint());
+  }
+  const auto wait = std::chrono::seconds(c.line.value("--wait") ? parseWhole(*c.line.value("--wait"), "--wait") : 0);
+  ConversionFollower follower(mountPaths, c.line.json, c.out, [&c](const std::string& mountPath) {
+    const auto state = c.connect().server().conversionStateForMountPath(mountPath);
+    return state.empty() ? std::string() : state.front();
+  });
+  QSClientSession& session = c.connect(&follower);
+  // A registered client hears of every state; without that, the states asked for are shown.
+  try {
+    session.service();
+  } catch (const sdbus::Error& e) {
+    c.err << "skerrowctl: the engine's news of conversions is not available (" << e.getMessage()
+          << "); following by asking instead\n";
+  }
+  const Entries before = visibleBackups(c);
+  struct sigaction action {};
+  action.sa_handler = onInterrupt;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+  if (wait.count() > 0) {
+    std::string where;
+    for (const auto& mountPath : mountPaths) where += (where.empty() ? "" : ", ") + mountPath;
+    c.report("Waiting up to " + std::to_string(wait.count()) + " s for a conversion on " + where,
+             Json::object().set("event", "waiting").set("seconds", static_cast<uint64_t>(wait.count())));
+    c.out.flush();
+  }
+  follower.follow(session, wait, &gInterrupted);
+  if (gInterrupted) return kInterrupted;
+  if (follower.states().empty()) {
+    std::string where;
+    for (const auto& mountPath : mountPaths) where += (where.empty() ? "" : ", ") + mountPath;
+    c.report("No conversion runs on " + (where.empty() ? std::string("any disk") : where),
+             Json::object().set("event", "none").set("mountPaths", Json(where)));
+    return kOK;
+  }
+  int status = kOK;
+  const Entries after = visibleBackups(c);
+  for (const auto& [mountPath, states] : follower.states()) {
+    const std::string last = states.back();
+    if (last.rfind(kNotConvertedPrefix, 0) == 0) status = kFailed;
+    Json made = Json::array();
+    std::vector<std::vector<std::string>> rows{{"UID", "USER", "DEPTH", "CATEGORIES"}};
+    for (const auto& [uid, entry] : after) {
+      if (before.count(uid) || entry->mountPoint() != mountPath) continue;
+      made.push(entryJson(*entry));
+      rows.push_back({uid, entry->shortUserName(), std::to_string(entry->versionDepth()), scheduledCategories(*entry)});
+    }
+    if (c.line.json) {
+      c.out << Json::object().set("event", "end").set("mountPath", mountPath).set("state", last).set("backups", made).dump()
+            << "\n";
+    } else {
+      c.out << "Conversion on " << mountPath << " ended: " << last << "\n";
+      if (rows.size() > 1) {
+        c.out << "New backups:\n";
+        printTable(c.out, rows);
+      } else {
+        c.out << "No new backup of yours\n";
+      }
+    }
+  }
+  return status;
 }
 
 VersionBrowser browserFor(Context& c) {
@@ -564,7 +642,8 @@ const std::vector<CommandEntry>& commandTable() {
       {"filter", "[EXPRESSION | --clear]", "show or set your exclusion filter",
        "Paths of your home folder matching the regular expression (case-insensitive) are not backed up.", 0, 1, {}, {"--clear"}},
       {"heartbeat", "", "ask the engine for its clock", "Shows that the engine answers.", 0, 0, {}, {}},
-      {"conversion", "MOUNTPATH", "state of a conversion of older backups on a disk", "Empty when none runs.", 1, 1, {}, {}},
+      {"conversion", "[MOUNTPATH] [--wait SECONDS]", "follow the conversion of older backups on a disk",
+       "Shows each state the conversion of the older product's backups (\"QS Tidevault\") on the disk, or on every mounted disk, goes through, and when it ends the new backups it made. --wait waits up to SECONDS for a conversion to begin (plug the disk in meanwhile). With none running: \"No conversion runs on ...\". Exits 1 when the disk could not be converted (the state says why).", 0, 1, {"--wait"}, {}},
       {"versions", "PATH [--backup UID]", "list the stored versions of a file",
        "PATH is a file of your home folder (absolute, or relative to your home). Lists each stored version: number (higher is newer), size, dates and where it is stored.", 1, 1, {"--backup"}, {}},
       {"restore", "PATH [--version N] [--to DEST] [--overwrite] [--backup UID]", "copy a stored version back",
