@@ -224,25 +224,6 @@ void QSVessaConversion::noteKeptInLegacyTree(const std::string& relativePath, co
                         relativePath.c_str(), why.c_str());
 }
 
-bool QSVessaConversion::volumeAllowsConversion(int32_t foundState, std::string* why) {
-  if (!environment_.isWritable(*volume_, why)) return false;
-  // Each new backup needs its folder and its information list; the target
-  // folder and the record of new backups one block each.
-  uint64_t users = 0;
-  if (auto computer = volume_->openFolder(std::string(kStateFolders[foundState]) + "/" + environment_.computerName))
-    if (const auto names = computer->entries())
-      for (const std::string& name : *names)
-        if (auto user = computer->openChild(name)) ++users;
-  const uint64_t needed = (users * 2 + 2) * volume_->blockSize();
-  const auto free = environment_.freeBytes(*volume_);
-  if (free && *free < needed) {
-    *why = "the volume has " + std::to_string(*free) + " bytes free and the new backups' information lists need " +
-           std::to_string(needed);
-    return false;
-  }
-  return true;
-}
-
 std::optional<QSVessaConvertedBackups> QSVessaConversion::convertVessaHierarchy(
     std::vector<std::string>* remainingFiles) {
   if (remainingFiles) remainingFiles->clear();

@@ -4,6 +4,7 @@
 // each), and the real skerrowctl of each user following the conversion as
 // the disk is plugged in.
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <chrono>
 #include <filesystem>
@@ -216,6 +217,61 @@ TEST(ConversionJourney, TwoUsersSeeTheirOlderBackupsConvertedAdoptedAndBackedUpW
   EXPECT_EQ(added, 0u) << "the pass copied files again";
   EXPECT_EQ(unchanged, manifest.versions.size());
   EXPECT_NE(engine.logText().find("Starting UNSCHEDULED backup for " + uidOf["ann"]), std::string::npos);
+}
+
+TEST(ConversionJourney, AFullDiskIsLeftUntouchedAndItsUserIsToldWhyUntilThereIsRoom) {
+  if (auto reason = BackupScenario::unavailableReason()) GTEST_SKIP() << *reason;
+  EngineFixture f;
+  const TestUser& ann = f.users().addUser("ann", 1500, 1500, "Ann Example");
+  FileSystemImage disk(FileSystemImage::Kind::Ext4, 64ull << 20, FileSystemImageOptions{.label = "OldBackups"});
+  std::filesystem::permissions(disk.folder(), std::filesystem::perms(0755));
+  const std::string volume = disk.mountPoint();
+  const CommandResult made = makeLegacyLayout(
+      {"--user", "ann=" + ann.home, "--files", "40", "--manifest", disk.folder() + "/manifest.tsv", volume});
+  ASSERT_EQ(made.exitCode, 0) << made.output;
+  const LegacyManifest manifest = LegacyManifest::read(disk.folder() + "/manifest.tsv");
+  // Fill the disk but for 8 KiB: less than a new backup's folder and information list.
+  struct statvfs vfs {};
+  ASSERT_EQ(::statvfs(volume.c_str(), &vfs), 0);
+  const uint64_t free = static_cast<uint64_t>(vfs.f_bavail) * vfs.f_frsize;
+  ASSERT_EQ(runCommand({"fallocate", "-l", std::to_string(free - 8192), volume + "/filler"}).exitCode, 0);
+  disk.unmount();
+
+  f.startEngine({"-noSchedule", "-noRealtime"});
+  DaemonProcessOptions options;
+  options.environment = f.clientEnvironment();
+  options.runAs = RunAs{ann.uid, ann.gid};
+  options.workingDirectory = "/";
+  auto follow = [&] {
+    return std::make_unique<DaemonProcess>(SKERROWCTL_PATH,
+                                           std::vector<std::string>{"conversion", volume, "--wait", "60"}, options);
+  };
+  auto refused = follow();
+  ASSERT_TRUE(refused->waitForLogLine("Waiting up to 60 s", 30s)) << refused->logText();
+  disk.mountAgain();
+  EXPECT_EQ(refused->waitForExit(90s).value_or(-1), 1) << refused->logText();
+  const std::string said = refused->logText();
+  EXPECT_NE(said.find(volume + ": QS Tidevault - NotConverted: the volume has "), std::string::npos) << said;
+  EXPECT_NE(said.find("bytes free and the conversion needs"), std::string::npos) << said;
+  EXPECT_NE(said.find("No new backup of yours"), std::string::npos) << said;
+  // Untouched: the legacy folder as it was, nothing new.
+  EXPECT_TRUE(std::filesystem::is_directory(volume + "/QS Tidevault"));
+  EXPECT_FALSE(std::filesystem::exists(volume + "/QS Tidevault/.vessaToQSConversionStateInfo"));
+  EXPECT_FALSE(std::filesystem::exists(volume + "/qs skerrow.skstor"));
+  EXPECT_EQ(checkLegacyVersions(volume, manifest).inLegacyTree, manifest.versions.size());
+
+  // With room made, the next time the disk is plugged in it is converted.
+  std::filesystem::remove(volume + "/filler");
+  disk.unmount();
+  auto converted = follow();
+  ASSERT_TRUE(converted->waitForLogLine("Waiting up to 60 s", 30s)) << converted->logText();
+  disk.mountAgain();
+  EXPECT_EQ(converted->waitForExit(90s).value_or(-1), 0) << converted->logText();
+  EXPECT_NE(converted->logText().find("Conversion on " + volume + " ended: qs skerrow.skstor"), std::string::npos)
+      << converted->logText();
+  EXPECT_NE(converted->logText().find("New backups:"), std::string::npos) << converted->logText();
+  const LegacyCheck check = checkLegacyVersions(volume, manifest);
+  EXPECT_TRUE(check.allConverted()) << check.summary();
 }
 
 }  // namespace
