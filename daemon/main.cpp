@@ -65,16 +65,18 @@ int main() {
       platform::Log::format("Unable to register the name %s (%s); going on without it", kServiceName, reason.c_str());
     platform::Log::line("sconnection configured...");
 
-    for (const auto& [bsdName, volume] : QSVolumeInfoForLocalVolumes())
-      server->diskDidAppearWithBSDName_mountPath_onVolume(volume->bsdName(), volume->mountPoint(), volume->volumeName());
-
-    // The workspace's mount notices, from the kernel's mount table.
+    // The workspace's mount notices, from the kernel's mount table.  The
+    // monitor reads the table before the volumes are announced, so a disk
+    // pulled or plugged in meanwhile is still noticed.
     platform::MountMonitor monitor(loop, platform::VolumeService::system(), [](const platform::MountChange& change) {
       platform::postWorkspaceNotice(change.kind == platform::MountChange::Kind::Mounted
                                         ? platform::NSWorkspaceDidMountNotification
                                         : platform::NSWorkspaceDidUnmountNotification,
                                     change.mountPoint);
     });
+
+    for (const auto& [bsdName, volume] : QSVolumeInfoForLocalVolumes())
+      server->diskDidAppearWithBSDName_mountPath_onVolume(volume->bsdName(), volume->mountPoint(), volume->volumeName());
 
     const size_t left = loop.run();
     if (left) platform::Log::format("%zu requests handed to the main loop were not served before it stopped", left);

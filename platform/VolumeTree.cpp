@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
@@ -201,5 +202,10 @@ uint64_t VolumeTree::blockSize() const {
 }
 
 bool VolumeTree::synchronize() const { return ::syncfs(root_.get()) == 0; }
+
+VolumeTree::Lock VolumeTree::tryLock() {
+  if (::flock(root_.get(), LOCK_EX | LOCK_NB) == 0) return Lock::Held;
+  return errno == EWOULDBLOCK ? Lock::Busy : Lock::Unsupported;
+}
 
 }  // namespace platform

@@ -64,6 +64,13 @@ class VolumeTree {
   // Flushes the whole file system (syncfs).
   bool synchronize() const;
 
+  // An exclusive advisory lock on the volume's root folder (flock), held
+  // until the tree is closed: one holder at a time per file system, in this
+  // process or another.  Busy while someone else holds it; Unsupported
+  // where the file system keeps no such locks.
+  enum class Lock { Held, Busy, Unsupported };
+  Lock tryLock();
+
  private:
   VolumeTree(std::string rootPath, FileDescriptor root) : rootPath_(std::move(rootPath)), root_(std::move(root)) {}
   std::string rootPath_;

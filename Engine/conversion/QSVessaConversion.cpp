@@ -1,7 +1,9 @@
 // The conversion's state: detection, the state file, the renames and the driver.
 #include "Engine/conversion/QSVessaConversion.h"
 
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "Engine/conversion/QSVessaConversionStrings.h"
 #include "Engine/conversion/QSVessaStateArchive.h"
@@ -32,6 +34,9 @@ constexpr const char* kStateFolders[] = {
     kBackupFolderState_Vessa_DidPerformPathMovement,
     kBackupFolderState_QS_Final,
 };
+
+// How often a conversion waiting for another one on the same volume looks again.
+constexpr std::chrono::milliseconds kLockPollInterval{50};
 
 // A state file larger than this was not written by a conversion.
 constexpr size_t kMaxStateFileBytes = 256u * 1024u * 1024u;
@@ -237,6 +242,15 @@ std::optional<QSVessaConvertedBackups> QSVessaConversion::convertVessaHierarchy(
                           pathToVessaHierarchy_.c_str());
     return std::nullopt;
   };
+  // One conversion of a volume at a time: a conversion still at work on it
+  // (the disk pulled and plugged in again before it noticed) is waited for.
+  for (bool waitLogged = false; volume_->tryLock() == platform::VolumeTree::Lock::Busy;) {
+    if (shouldStop()) return std::nullopt;
+    if (!waitLogged)
+      platform::Log::format("Another conversion works on %s; waiting for it to end", pathToVessaHierarchy_.c_str());
+    waitLogged = true;
+    std::this_thread::sleep_for(kLockPollInterval);
+  }
   const int32_t found = detectStateOfConversion();
   if (found == kStateNone || found == kStateFinal) {
     setCurrentStateOfConversion(restoreCurrentConversionState(found));

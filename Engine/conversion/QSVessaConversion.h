@@ -40,6 +40,11 @@
 // skerrow.skstor/.vessaToQSConversionNewBackups" until the engine reports
 // them adopted, so a run that ended with a crash still reports them.
 //
+// One conversion of a volume at a time: a conversion holds an advisory lock
+// on the volume's root folder and waits while another holds it (a disk
+// pulled and plugged in again before the older conversion noticed, or a
+// volume announced twice).
+//
 // Threads: a conversion runs on one thread (its converter's).  The current
 // state is guarded by the object's lock, so converterState may be read from
 // any thread.  The work stops at its next check when the thread is

@@ -103,10 +103,11 @@ bool VessaFile::moveFilesToTargetFolderHierarchy_objectKey_relativePathToSourceF
         continue;
       targetName = legacyName;
     }
-    platform::FileAttributes attributes;
-    if (!source.folder.attributesOf(legacyName, &attributes)) {
-      // Moved by an earlier, interrupted run: its date is set again, as the
-      // run may have stopped between the move and the date.
+    const int result = source.folder.moveEntry(legacyName, target.folder, targetName, false);
+    if (result == ENOENT) {
+      // Gone from the legacy folder.  Moved by an earlier, interrupted run:
+      // its date is set again, as the run may have stopped between the move
+      // and the date.  Otherwise a missing source is skipped.
       platform::FileAttributes moved;
       if (target.folder.attributesOf(targetName, &moved)) {
         ++statistics.versionsAlreadyMoved;
@@ -114,7 +115,6 @@ bool VessaFile::moveFilesToTargetFolderHierarchy_objectKey_relativePathToSourceF
       }
       continue;
     }
-    const int result = source.folder.moveEntry(legacyName, target.folder, targetName, false);
     if (result == EEXIST) {
       converter_->noteKeptInLegacyTree(joined(source.relativePath, legacyName),
                                        "its new name " + joined(target.relativePath, targetName) + " is taken");

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/Log.h"
+#include "platform/VolumeTree.h"
 #include "tests/support/Eventually.h"
 #include "tests/unit/conversion/ConversionTestSupport.h"
 
@@ -97,6 +99,27 @@ TEST(QSBackupConverter, TheStateCanBeAskedWhileItRunsAndACancelStopsIt) {
   EXPECT_TRUE(delegate.finished()[0].empty());
   // Stopped after its first rename: the next run resumes from there.
   EXPECT_TRUE(isFolder(dir / "volume/QS Tidevault - WillPerformPathExamination"));
+  converter->releaseThread();
+}
+
+TEST(QSBackupConverter, AConversionWaitsWhileAnotherWorksOnTheSameVolume) {
+  useShippedBlackList();
+  TempDir dir;
+  ASSERT_EQ(runGenerator(dir, {"--user", "ann=" + QSCHomeDirectoryForUser("ann"), "--files", "10"}),
+            std::vector<std::string>{});
+  platform::LogCapture log;
+  auto other = platform::VolumeTree::open(dir / "volume");
+  ASSERT_EQ(other->tryLock(), platform::VolumeTree::Lock::Held);
+  RecordingConversionDelegate delegate;
+  auto converter = QSBackupConverter::initWithDelegate_forVolume(&delegate, dir / "volume", testEnvironment());
+  converter->start();
+  ASSERT_TRUE(eventually([&] { return log.contains("Another conversion works on " + dir / "volume"); }));
+  EXPECT_TRUE(delegate.states().empty());
+  EXPECT_TRUE(isFolder(dir / "volume/QS Tidevault"));
+  other.reset();
+  ASSERT_TRUE(eventually([&] { return !delegate.finished().empty(); }));
+  EXPECT_EQ(delegate.finished()[0].size(), 1u);
+  ASSERT_TRUE(converter->waitUntilFinished(std::chrono::seconds(10)));
   converter->releaseThread();
 }
 

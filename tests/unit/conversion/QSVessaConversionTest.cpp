@@ -353,6 +353,7 @@ TEST_F(Conversion, ConvertedBackupsAreRecordedUntilTheEngineAdoptsThem) {
   const auto reported = second->convertVessaHierarchy(nullptr);
   ASSERT_TRUE(reported);
   EXPECT_EQ(keys(*reported), keys(*converted));
+  second.reset();  // its hold on the volume ends with it
   // Once adopted they are no longer recorded, and a later run reports nothing.
   std::vector<std::string> adopted;
   for (const auto& [uid, backup] : *converted) adopted.push_back(uid);
