@@ -264,6 +264,11 @@ TEST(ConversionCrash, DiskPulledAtRandomMomentsAndPluggedInAgainEveryRunEndsConv
         ADD_FAILURE() << name << ", plugged in " << plugs << " time(s): " << check.summary() << "\n" << engine->logText();
         break;
       }
+      // Why the disk must be plugged in once more: the state the last run found.
+      std::string found;
+      for (const auto& line : engine->logLines())
+        if (line.rfind("Legacy backups on ", 0) == 0) found = line.substr(line.rfind(": ") + 2);
+      std::cout << name << ": the run after plugging in found \"" << found << "\" and did not convert" << std::endl;
       crash.disk.unmount();
     }
     ++plugsNeeded[plugs];
