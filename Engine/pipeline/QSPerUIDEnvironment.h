@@ -35,6 +35,7 @@
 #include "Engine/files/QSDestinationTraits.h"
 #include "Engine/pipeline/QSAtomicHolders.h"
 #include "Engine/pipeline/QSIdleWait.h"
+#include "Engine/pipeline/QSJobReport.h"
 #include "Engine/pipeline/QSPipelineHost.h"
 #include "Engine/pipeline/QSToken.h"
 #include "Engine/pipeline/QSTransferInstrumentDelegate.h"
@@ -82,11 +83,15 @@ class QSPerUIDEnvironment : public platform::Object,
   // Takes the token when none is queued (clearing the pipe's cancellation);
   // otherwise logs "<signature> Unable to enqueue" and drops it.
   bool enqueue(const std::shared_ptr<QSToken>& token);
+  // Stops the running job at its next check (a walk between items, a copy
+  // within one chunk) and empties the queue at once, so the next request is
+  // taken as soon as the job has wound down.  A token whose job had not
+  // begun ends as cancelled here; the running job ends as cancelled itself.
   void cancelPipe();
   // cancelPipe, and ends the thread at its next look at its cancel flag.
   void cancel();
-  // Unless the pipe is cancelled, runs the queued token with this
-  // environment as its object; then empties the queue.
+  // Unless the job was cancelled, runs the job's token with this
+  // environment as its object; then takes it off the queue.
   void dischargePipe();
   std::shared_ptr<QSToken> currentToken() const;
   // The environment's lock (taken after the user environment's, never before).
@@ -156,6 +161,8 @@ class QSPerUIDEnvironment : public platform::Object,
   bool threadCancelled() const;
   void waitForWork();
   std::unique_ptr<class QSTransferInstrument> makeInstrument(const std::shared_ptr<QSToken>& token, bool dryRun);
+  // Makes `token` the running job, unless a cancel took it off the queue.
+  bool beginJob(const std::shared_ptr<QSToken>& token);
   void endJob();
 
   const std::string uid_;
@@ -169,6 +176,12 @@ class QSPerUIDEnvironment : public platform::Object,
   const std::shared_ptr<QSSkerrowClientProxy> client_;
   const QSPipelineHost* host_;
   std::atomic<bool> isPipeCancelled_{false};
+  // The running job, its own termination flag (set by cancelPipe, cleared
+  // only when the next job begins: queueing a token does not clear it) and
+  // its account of failures.
+  std::shared_ptr<QSToken> jobToken_;
+  std::atomic<bool> jobCancelled_{false};
+  std::unique_ptr<QSJobReport> report_;
   int32_t stage_ = kStageFinished;
   atomic<int32_t> versionDepth_;
   atomic<bool> isScheduled_;
@@ -187,6 +200,6 @@ class QSPerUIDEnvironment : public platform::Object,
   std::function<void(uint32_t)> sleep_;
   platform::NotificationCenter* center_ = nullptr;
   std::vector<platform::NotificationCenter::ObserverId> observers_;
-  bool observingClient_ = false;
+  std::atomic<bool> observingClient_{false};
   mutable std::recursive_mutex lock_;
 };

@@ -115,6 +115,7 @@ void QSSkerrowServer::init(const QSServerEnvironment& environment) {
   converterFactory_ = environment.converterFactory;
   clock_ = environment.clock;
   loadBackupDatabase();
+  outcomes_.loadFromFolder(dbDir_);
   firstStage_ = std::make_unique<QSFirstStage>(environment.accounts, environment.startPipelineThreads);
   for (const auto& [userName, expression] : exclusionFilterMap_) {
     try {

@@ -40,6 +40,7 @@
 #include "Engine/pipeline/QSSecondStage.h"
 #include "Engine/pipeline/QSTokenDelegate.h"
 #include "Engine/records/QSBackupEntry.h"
+#include "Engine/server/QSOutcomeBook.h"
 #include "Engine/server/QSServerEnvironment.h"
 #include "platform/Date.h"
 #include "platform/NotificationCenter.h"
@@ -154,6 +155,15 @@ class QSSkerrowServer : public platform::Object,
   // the second a backup's end is recorded on the main thread.
   void runPerDestination(QSToken& token, QSUserEnvironment& environment) override;
   void runPerDestination(QSToken& token, QSPerUIDEnvironment& environment) override;
+  // A token's journey ended: its outcome is recorded on the main thread.
+  void tokenDidEnd(QSToken& token, const QSBackupOutcome& outcome) override;
+  // Keeps `outcome` as its backup's last and logs its summary (main thread).
+  void recordOutcome(const QSBackupOutcome& outcome);
+  // How the backup's last run ended, or nothing (main thread).
+  std::optional<QSBackupOutcome> outcomeForBackup(const std::string& uid) const {
+    return outcomes_.outcomeForUID(uid);
+  }
+  void forgetOutcomeForBackup(const std::string& uid) { outcomes_.forget(uid); }
   void finishBackupOnMainThreadForUID(const std::string& uid);
   // Admits the client's user to the first stage and attaches the client to
   // it at the main loop's next pass; false when the user cannot be served.
@@ -204,4 +214,5 @@ class QSSkerrowServer : public platform::Object,
   std::function<platform::Date()> clock_;
   // The database file could not be read at start-up: it is kept aside before the next save.
   bool databaseUnreadable_ = false;
+  QSOutcomeBook outcomes_;
 };
