@@ -173,8 +173,6 @@ void QSPerUIDEnvironment::waitForWork() {
   }
 }
 
-void QSPerUIDEnvironment::processRealtimeEvent(const FSEvent&) {}
-
 void QSPerUIDEnvironment::runJobWithToken(const std::shared_ptr<QSToken>& token) {
   std::shared_ptr<QSFSMutableNode> tree;
   std::shared_ptr<QSMutableTally> tally;
