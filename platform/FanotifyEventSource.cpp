@@ -226,6 +226,16 @@ bool FanotifyEventSource::readEvents(std::vector<FileSystemEvent>* events) {
   return true;
 }
 
+std::vector<FileSystemEvent> FanotifyEventSource::decodeRecords(const char* buffer, size_t length, uint64_t device) {
+  FanotifyEventSource source(Options{.ignoreOwnProcess = false});
+  Group group;  // no mount: every folder is unknown, and so outside
+  group.device = device;
+  std::vector<FileSystemEvent> events;
+  std::lock_guard<std::mutex> lock(source.mutex_);
+  source.decode(group, buffer, length, &events);
+  return events;
+}
+
 bool FanotifyEventSource::isInside(const Group& group, const std::string& path) const {
   for (const std::string& subtree : group.subtrees) {
     if (path.size() < subtree.size() || path.compare(0, subtree.size(), subtree) != 0) continue;

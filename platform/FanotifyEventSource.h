@@ -58,6 +58,11 @@ class FanotifyEventSource : public FileSystemEventSource {
   // How many folder handles were opened to learn a path (tests, benchmarks).
   uint64_t folderLookups() const;
 
+  // Decodes a buffer laid out as the kernel's reads are, for a file system
+  // with device `device` and no watched subtree (only dropped-events and
+  // undecodable events come out); for tests of malformed input.
+  static std::vector<FileSystemEvent> decodeRecords(const char* buffer, size_t length, uint64_t device);
+
  private:
   struct Group;
   struct Folder {
