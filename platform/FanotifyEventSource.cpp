@@ -66,9 +66,10 @@ bool parseHandleRecord(const char* record, size_t length, bool withName, HandleR
   return true;
 }
 
+// An event about a folder itself names it "." in the folder's own record.
 std::string joinPath(const std::string& folder, std::string_view name) {
   std::string path = folder;
-  if (name.empty()) return path;
+  if (name.empty() || name == ".") return path;
   if (path.empty() || path.back() != '/') path.push_back('/');
   path.append(name);
   return path;
@@ -163,7 +164,7 @@ bool FanotifyEventSource::watchFolder(const std::string& folder, std::string* wh
     if (!spare_) spare_ = std::move(fanotify);
     return false;
   }
-  FileDescriptor mount(::open(resolved, O_PATH | O_DIRECTORY | O_CLOEXEC));
+  FileDescriptor mount(::open(resolved, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!mount) {
     if (why) *why = errnoText(errno);
     return false;  // the mark goes with the group's descriptor

@@ -112,8 +112,6 @@ void QSFSWatcher::run() {
     process_.writeStandardError("open: " + error + "\n");
     return;
   }
-  process_.writeStandardOutput(
-      platform::format("fsevents device cloned (fd %d)\ngamuliob ready\n", source_->descriptor()));
   std::vector<std::string> homes;
   {
     std::lock_guard<std::mutex> lock(lock_);
@@ -121,6 +119,9 @@ void QSFSWatcher::run() {
     homes = homes_;
   }
   for (const auto& home : homes) watch(home);
+  // Ready once the homes named so far are watched.
+  process_.writeStandardOutput(
+      platform::format("fsevents device cloned (fd %d)\ngamuliob ready\n", source_->descriptor()));
 
   std::vector<platform::FileSystemEvent> events;
   while (source_->readEvents(&events)) {
