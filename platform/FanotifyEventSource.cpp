@@ -9,9 +9,12 @@
 #include <sys/statfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <string_view>
+#include <thread>
 
 namespace platform {
 
@@ -21,6 +24,9 @@ namespace {
 // folder's rename is seen: it changes the paths of everything below it.
 constexpr uint64_t kMarkMask = FAN_CREATE | FAN_DELETE | FAN_ATTRIB | FAN_CLOSE_WRITE | FAN_RENAME | FAN_ONDIR;
 constexpr size_t kReadBytes = 131072;
+// How long the reader lets events gather after the first one arrives (the
+// kernel queues 16,384 events: far more than a busy file system makes in it).
+constexpr std::chrono::milliseconds kBurstWait{2};
 
 std::string errnoText(int error) { return std::strerror(error); }
 
@@ -208,6 +214,11 @@ bool FanotifyEventSource::readEvents(std::vector<FileSystemEvent>* events) {
       if (errno == EINTR) continue;
       return false;
     }
+    // Events come in bursts (a save is several events, a build thousands a
+    // second): waiting a moment after the first lets one read take the
+    // burst, instead of waking the reader and reading once per event.
+    if (std::any_of(fds.begin() + 1, fds.end(), [](const pollfd& p) { return p.revents & POLLIN; }))
+      std::this_thread::sleep_for(kBurstWait);
     if (fds[0].revents) {
       uint64_t count;
       [[maybe_unused]] const ssize_t n = ::read(fds[0].fd, &count, sizeof count);
