@@ -94,6 +94,11 @@ void Log::writeStandardOutput(const std::string& text) {
   std::fflush(stdout);
 }
 
+void Log::writeStandardError(const std::string& text) {
+  std::fwrite(text.data(), 1, text.size(), stderr);
+  std::fflush(stderr);
+}
+
 Log::Sink Log::setSink(Sink sink) {
   std::lock_guard<std::mutex> lock(sinkMutex());
   Sink previous = std::move(currentSink());

@@ -43,6 +43,8 @@ class Log {
 
   // Writes text to standard output as it is (no newline added), flushed at once.
   static void writeStandardOutput(const std::string& text);
+  // Writes text to standard error as it is (no newline added).
+  static void writeStandardError(const std::string& text);
 
   // Replaces the sink of lines (every entry's text reaches it); an empty
   // sink restores the system log.  Answers the previous sink.

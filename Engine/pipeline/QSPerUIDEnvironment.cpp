@@ -194,8 +194,6 @@ void QSPerUIDEnvironment::waitForWork() {
   }
 }
 
-void QSPerUIDEnvironment::processRealtimeEvent(const FSEvent&) {}
-
 void QSPerUIDEnvironment::runJobWithToken(const std::shared_ptr<QSToken>& token) {
   if (!beginJob(token)) return;
   std::shared_ptr<QSFSMutableNode> tree;

@@ -34,6 +34,7 @@
 #include "Engine/files/FSDepthFirstVisitor.h"
 #include "Engine/files/QSDestinationTraits.h"
 #include "Engine/pipeline/QSAtomicHolders.h"
+#include "Engine/pipeline/QSFSWatcherEvent.h"
 #include "Engine/pipeline/QSIdleWait.h"
 #include "Engine/pipeline/QSJobReport.h"
 #include "Engine/pipeline/QSPipelineHost.h"
@@ -63,7 +64,7 @@ class QSPerUIDEnvironment : public platform::Object,
   // Empty polls of the event queue before the thread starts to pause between polls.
   static constexpr uint64_t kBusyPolls = 100;
 
-  using FSEvent = std::shared_ptr<platform::Object>;
+  using FSEvent = std::shared_ptr<const QSFSWatcherEvent>;
 
   struct Passkey {
     explicit Passkey() = default;
@@ -115,11 +116,27 @@ class QSPerUIDEnvironment : public platform::Object,
   const std::string& uid() const { return uid_; }
   const std::shared_ptr<QSUserEnvironment>& perUserEnvironment() const { return userEnvironment_; }
 
-  // Real-time events waiting for the thread.
-  void enqueueFSEvent(FSEvent event) {
-    fsEventQueue_.enqueue(std::move(event));
-    idle_.wake();
-  }
+  // Continuous backup (QSPerUIDEnvironmentRealtime.cpp).  An event is
+  // queued when continuous backup is on and it concerns this user's home
+  // folder (fsWatcherEventIsOneWeCareAbout); a change of a file whose copy
+  // is still waiting in the queue merges into that copy.
+  void enqueueFSEvent(FSEvent event);
+  // A rename (type 3, old and new path) or a content change (type 4, one
+  // path) whose path (the new one), normalised, lies in the home folder.
+  bool fsWatcherEventIsOneWeCareAbout(const FSEvent& event) const;
+  // Whether the changed file at `pathSuffix` (its path below the home
+  // folder) is to be copied: this backup's categories, the user's exclusion
+  // filter, the mail database and the black list (QSPathFilter).
+  bool shouldProceedForPathSuffix_withAttributes(const std::string& pathSuffix,
+                                                 const platform::FileAttributes* attributes) const;
+  // Stores the file at `sourcePath` (in the home folder) as its next
+  // version in the backup folder and prunes the oldest; with
+  // `onlyDoARenameOnLastVersion`, renames the newest stored version to the
+  // file's name instead (a rename that changed only letter case).
+  void copyFile_withAttributes_onlyDoARenameOnLastVersion(const std::string& sourcePath,
+                                                          const platform::FileAttributes* attributes,
+                                                          bool onlyDoARenameOnLastVersion);
+  size_t pendingFSEventCount() const { return fsEventQueue_.count(); }
   uint64_t realtimePollCount() const { return realtimePolls_.load(); }
 
   // Judges one failed copy: past the client's limit of failures in a row the
@@ -151,8 +168,7 @@ class QSPerUIDEnvironment : public platform::Object,
   bool stopThread(std::chrono::milliseconds timeout);
 
  protected:
-  // One real-time event taken off the queue.  Real-time copies belong to
-  // the file-system watcher; without it events are taken and let go.
+  // One real-time event taken off the queue, on the environment's thread.
   virtual void processRealtimeEvent(const FSEvent& event);
 
  private:
@@ -193,6 +209,17 @@ class QSPerUIDEnvironment : public platform::Object,
   // The job's destination, probed when the job starts.
   QSDestinationTraits traits_;
   std::optional<uint64_t> destinationDevice_;
+
+  // Continuous backup: paths whose content change is queued and not yet
+  // taken (a burst of saves merges into one copy), and the traits of the
+  // destination the last real-time copy went to.
+  std::mutex pendingLock_;
+  std::set<std::string> pendingContentChanges_;
+  std::string realtimeTraitsPath_;
+  QSDestinationTraits realtimeTraits_;
+  const std::string& realtimeHome() const;
+  mutable std::once_flag realtimeHomeOnce_;
+  mutable std::string realtimeHome_;
 
   std::atomic<bool> cancelRequested_{false};
   std::atomic<uint64_t> realtimePolls_{0};

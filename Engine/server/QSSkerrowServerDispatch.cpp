@@ -16,9 +16,10 @@
 void QSSkerrowServer::callbackForJobSchedulingTimer() {
   timerTicks_.fetch_add(1);
   const double current = now().timeIntervalSinceReferenceDate();
+  const std::set<std::string> caughtUp = startBackupsAfterDroppedEvents();
   for (const std::string& uid : backupEntryMap_.allKeys()) {
     const auto entry = backupEntryWithUID(uid);
-    if (!entry || !entry->isScheduled()) continue;
+    if (!entry || !entry->isScheduled() || caughtUp.count(uid)) continue;
     if (!followSchedule_) {
       platform::Log::format("Starting UNSCHEDULED backup for %s", uid.c_str());
       startBackup_forClient(uid, nullptr);
@@ -206,7 +207,10 @@ void QSSkerrowServer::finishBackupOnMainThreadForUID(const std::string& uid) {
 bool QSSkerrowServer::backupServiceForClient(const Client& client) {
   if (!client) return false;
   const std::string userName = client->shortUserName();
-  if (!firstStage_->managesUserName(userName) && !firstStage_->addNewUser(userName)) return false;
+  if (!firstStage_->managesUserName(userName)) {
+    if (!firstStage_->addNewUser(userName)) return false;
+    watchHomeOfUser(userName);
+  }
   const std::weak_ptr<QSSkerrowServer> weak = self<QSSkerrowServer>();
   auto attach = [weak, client, userName] {
     if (auto server = weak.lock()) server->firstStage_->setClient_forUser(client, userName);
