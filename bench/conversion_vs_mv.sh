@@ -73,7 +73,7 @@ mount_image "$W/legacy.img"
 "$BUILD/tests/skerrow_make_legacy" --user ann=/home/ann --user bob=/home/bob --files "$FILES" --max-versions 5 \
   --bytes 2048 --seed "$SEED" --manifest "$W/manifest.tsv" "$W/disk"
 MADE=$(grep -c '^version' "$W/manifest.tsv")
-COMPUTER=$(cut -f2 "$W/manifest.tsv" | head -1)
+COMPUTER=$(awk -F'\t' 'NR == 1 { print $2; exit }' "$W/manifest.tsv")
 unmount_image
 echo "legacy disk: $MADE versions of $((FILES * 2)) files, computer \"$COMPUTER\""
 

@@ -1,5 +1,6 @@
 #include "platform/VolumeFolder.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/stat.h>
@@ -61,7 +62,52 @@ bool VolumeFolder::isEntryName(const std::string& name) {
          name.find('\0') == std::string::npos;
 }
 
-std::optional<std::vector<std::string>> VolumeFolder::entries() const { return listEntries(fd_.get()); }
+std::optional<std::vector<VolumeFolder::Entry>> VolumeFolder::entriesWithTypes() const {
+  const int dup = ::fcntl(fd_.get(), F_DUPFD_CLOEXEC, 0);
+  if (dup < 0) return std::nullopt;
+  DIR* stream = ::fdopendir(dup);
+  if (!stream) {
+    ::close(dup);
+    return std::nullopt;
+  }
+  // The duplicate shares the folder's reading position: start from the top.
+  ::rewinddir(stream);
+  std::vector<Entry> entries;
+  while (struct dirent* entry = ::readdir(stream)) {
+    const char* n = entry->d_name;
+    if (n[0] == '.' && (n[1] == '\0' || (n[1] == '.' && n[2] == '\0'))) continue;
+    Entry::Type type = Entry::Type::Unknown;
+    switch (entry->d_type) {
+      case DT_DIR: type = Entry::Type::Directory; break;
+      case DT_REG: type = Entry::Type::Regular; break;
+      case DT_LNK: type = Entry::Type::SymbolicLink; break;
+      case DT_UNKNOWN: break;
+      default: type = Entry::Type::Other; break;
+    }
+    entries.push_back(Entry{n, type});
+  }
+  ::closedir(stream);
+  return entries;
+}
+
+std::optional<std::vector<std::string>> VolumeFolder::entries() const {
+  auto listed = entriesWithTypes();
+  if (!listed) return std::nullopt;
+  std::vector<std::string> names;
+  names.reserve(listed->size());
+  for (auto& entry : *listed) names.push_back(std::move(entry.name));
+  return names;
+}
+
+VolumeFolder::Entry::Type VolumeFolder::typeOf(const Entry& entry) const {
+  if (entry.type != Entry::Type::Unknown) return entry.type;
+  FileAttributes attributes;
+  if (!attributesOf(entry.name, &attributes)) return Entry::Type::Other;
+  if (attributes.isDirectory()) return Entry::Type::Directory;
+  if (attributes.isRegularFile()) return Entry::Type::Regular;
+  if (attributes.isSymbolicLink()) return Entry::Type::SymbolicLink;
+  return Entry::Type::Other;
+}
 
 bool VolumeFolder::attributesOf(const std::string& name, FileAttributes* attributes) const {
   return isEntryName(name) && statAt(fd_.get(), name.c_str(), attributes, false);

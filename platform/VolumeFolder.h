@@ -31,9 +31,20 @@ class VolumeFolder {
   // Whether `name` can name an entry: not empty, no "/", not "." or "..".
   static bool isEntryName(const std::string& name);
 
-  // The entries' names ("." and ".." left out), in no particular order;
-  // nothing when the folder cannot be listed.
+  // An entry as the folder lists it, with the type the listing gives
+  // (Unknown where the file system does not say; ask attributesOf then).
+  struct Entry {
+    enum class Type : uint8_t { Directory, Regular, SymbolicLink, Other, Unknown };
+    std::string name;
+    Type type = Type::Unknown;
+  };
+  // The entries ("." and ".." left out), from the start of the folder each
+  // time, in no particular order; nothing when the folder cannot be listed.
+  std::optional<std::vector<Entry>> entriesWithTypes() const;
+  // Their names only.
   std::optional<std::vector<std::string>> entries() const;
+  // The type of an entry: the listing's, else from its attributes (Other when it cannot be read).
+  Entry::Type typeOf(const Entry& entry) const;
   // Attributes of the entry (a link's own); false when it is missing.
   bool attributesOf(const std::string& name, FileAttributes* attributes) const;
   // The attributes of this folder.

@@ -35,6 +35,8 @@ constexpr const char* kStateFolders[] = {
     kBackupFolderState_QS_Final,
 };
 
+// How often the moves ask whether the volume is still the mount they work on.
+constexpr std::chrono::milliseconds kMountCheckInterval{20};
 // How often a conversion waiting for another one on the same volume looks again.
 constexpr std::chrono::milliseconds kLockPollInterval{50};
 
@@ -171,7 +173,7 @@ int32_t QSVessaConversion::restoreCurrentConversionState(int32_t state) {
 
 bool QSVessaConversion::saveCurrentConversionState() {
   const std::string folderName = currentStateFolder();
-  if (folderName.empty() || shouldStop()) return false;
+  if (folderName.empty() || shouldStopBeforeWriting()) return false;
   auto folder = volume_->openFolder(folderName);
   const auto bytes = QSVessaStateArchive::archivedDataWithRootObject(backedUpComputers_);
   if (!folder || !bytes || !folder->writeFileAtomically(kVessaToQSConversionStateInfo, *bytes, 0600)) {
@@ -188,7 +190,7 @@ void QSVessaConversion::tellDelegate(const std::string& state) {
 
 bool QSVessaConversion::transition(int32_t from, int32_t to) {
   int result = ECANCELED;
-  if (!shouldStop()) result = environment_.renameFolder(*volume_, kStateFolders[from], kStateFolders[to]);
+  if (!shouldStopBeforeWriting()) result = environment_.renameFolder(*volume_, kStateFolders[from], kStateFolders[to]);
   if (result == 0) setCurrentStateOfConversion(to);
   tellDelegate(kStateFolders[to]);
   if (result != 0)
@@ -214,13 +216,25 @@ bool QSVessaConversion::convertToDidPerformPathMovement() {
 
 bool QSVessaConversion::shouldStop() {
   const bool cancelled = platform::OVThread::currentThread()->isCancelled();
-  const bool gone = !cancelled && !volume_->isStillMounted();
+  // Asking the mount costs two kernel calls: once per interval is enough
+  // between moves (every write that could land elsewhere asks on its own).
+  const auto now = std::chrono::steady_clock::now();
+  bool gone = volumeGone_;
+  if (!cancelled && !gone && now - lastMountCheck_ >= kMountCheckInterval) {
+    lastMountCheck_ = now;
+    gone = volumeGone_ = !volume_->isStillMounted();
+  }
   if ((cancelled || gone) && !stopLogged_) {
     stopLogged_ = true;
     platform::Log::format("The conversion on %s stops: %s", pathToVessaHierarchy_.c_str(),
                           cancelled ? "it was cancelled" : "the volume is no longer mounted there");
   }
   return cancelled || gone;
+}
+
+bool QSVessaConversion::shouldStopBeforeWriting() {
+  lastMountCheck_ = {};
+  return shouldStop();
 }
 
 void QSVessaConversion::noteKeptInLegacyTree(const std::string& relativePath, const std::string& why) {

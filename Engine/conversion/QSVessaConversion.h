@@ -51,6 +51,7 @@
 // cancelled or the volume is no longer the mount it was opened on.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -139,6 +140,8 @@ class QSVessaConversion {
   // Whether work must stop now: the thread was cancelled or the volume is
   // no longer the mount it was opened on.  Logs the reason once.
   bool shouldStop();
+  // The same, asking the mount now: before anything is written.
+  bool shouldStopBeforeWriting();
   // A version that stays in the legacy tree because its new name is taken.
   void noteKeptInLegacyTree(const std::string& relativePath, const std::string& why);
   Statistics& statistics() { return statistics_; }
@@ -177,4 +180,6 @@ class QSVessaConversion {
   std::unique_ptr<platform::VolumeTree> volume_;
   Statistics statistics_;
   bool stopLogged_ = false;
+  bool volumeGone_ = false;
+  std::chrono::steady_clock::time_point lastMountCheck_{};
 };

@@ -18,19 +18,17 @@ struct LegacyCounts {
 };
 
 void count(platform::VolumeFolder& folder, LegacyCounts* counts, unsigned depth) {
-  const auto names = folder.entries();
-  if (!names) return;
-  for (const std::string& name : *names) {
-    counts->nameBytes += name.size();
-    platform::FileAttributes attributes;
-    if (!folder.attributesOf(name, &attributes)) continue;
-    if (!attributes.isDirectory()) {
+  const auto entries = folder.entriesWithTypes();
+  if (!entries) return;
+  for (const auto& entry : *entries) {
+    counts->nameBytes += entry.name.size();
+    if (folder.typeOf(entry) != platform::VolumeFolder::Entry::Type::Directory) {
       ++counts->files;
       continue;
     }
     ++counts->folders;
     if (depth >= 256) continue;
-    if (auto child = folder.openChild(name)) count(*child, counts, depth + 1);
+    if (auto child = folder.openChild(entry.name)) count(*child, counts, depth + 1);
   }
 }
 

@@ -22,18 +22,17 @@ constexpr size_t kMaxRecordBytes = 16u * 1024u * 1024u;
 bool walkForRemainingFiles(platform::VolumeFolder& folder, const std::string& relative,
                            const platform::DateFormatter& formatter, const std::string& root,
                            std::vector<std::string>* remaining, unsigned depth) {
-  const auto names = folder.entries();
-  if (!names) {
+  const auto entries = folder.entriesWithTypes();
+  if (!entries) {
     // What cannot be read cannot be known to hold nothing.
     if (remaining) remaining->push_back(root + "/" + relative);
     return false;
   }
   bool clean = true;
-  for (const std::string& name : *names) {
-    platform::FileAttributes attributes;
-    if (!folder.attributesOf(name, &attributes)) continue;
+  for (const auto& entry : *entries) {
+    const std::string& name = entry.name;
     const std::string path = relative + "/" + name;
-    if (attributes.isDirectory()) {
+    if (folder.typeOf(entry) == platform::VolumeFolder::Entry::Type::Directory) {
       auto child = folder.openChild(name);
       if (!child || depth > 256) {
         if (remaining) remaining->push_back(root + "/" + path);
@@ -110,7 +109,7 @@ bool QSVessaConversion::performPathReassignment() {
 }
 
 bool QSVessaConversion::constructTargetFolderHierarchy() {
-  if (shouldStop()) return false;
+  if (shouldStopBeforeWriting()) return false;
   const std::string stateFolder = currentStateFolder();
   platform::FileAttributes attributes;
   if (stateFolder.empty() || !volume_->attributesAt(stateFolder, &attributes)) return false;
@@ -191,7 +190,10 @@ bool QSVessaConversion::recordNewBackups(const std::string& storageFolder) {
 
 std::vector<std::string> QSVessaConversion::newBackupsRecorded() const {
   auto folder = volume_->openFolder(kBackupFolderState_QS_Final);
-  return folder ? readRecord(*folder) : std::vector<std::string>();
+  std::vector<std::string> uids = folder ? readRecord(*folder) : std::vector<std::string>();
+  // A backup whose folder never reached the storage folder (clean-up failed) is not there to adopt.
+  std::erase_if(uids, [&](const std::string& uid) { return !folder->openChild(uid); });
+  return uids;
 }
 
 void QSVessaConversion::forgetAdoptedBackups(const std::string& mountPath, const std::vector<std::string>& uids) {
@@ -201,7 +203,9 @@ void QSVessaConversion::forgetAdoptedBackups(const std::string& mountPath, const
   if (!folder) return;
   std::vector<std::string> recorded = readRecord(*folder);
   const size_t before = recorded.size();
-  std::erase_if(recorded, [&](const std::string& uid) { return std::find(uids.begin(), uids.end(), uid) != uids.end(); });
+  std::erase_if(recorded, [&](const std::string& uid) {
+    return std::find(uids.begin(), uids.end(), uid) != uids.end() || !folder->openChild(uid);
+  });
   if (recorded.size() != before) writeRecord(*folder, recorded);
 }
 
@@ -219,7 +223,7 @@ bool QSVessaConversion::performCleanup(std::vector<std::string>* remainingFiles)
                           pathToVessaHierarchy_.c_str(), remainingFiles ? remainingFiles->size() : size_t{1});
     return true;
   }
-  if (shouldStop()) return false;
+  if (shouldStopBeforeWriting()) return false;
   const std::string stateFolder = currentStateFolder();
   const size_t n = backedUpComputers_.size();
   size_t count = 0;

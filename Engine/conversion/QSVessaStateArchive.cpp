@@ -10,7 +10,9 @@ std::optional<std::string> QSVessaStateArchive::archivedDataWithRootObject(const
   archive.set(kArchiverKey, platform::Value(kArchiverName));
   archive.set(kVersionKey, platform::Value::integer(kVersion));
   archive.set(kRootKey, platform::Value(std::move(root)));
-  return platform::PropertyList::toBytes(platform::Value(std::move(archive)), platform::PropertyList::Format::Binary);
+  // XML: libplist's binary writer takes time that grows faster than the
+  // model (seconds for a few thousand files), its XML writer does not.
+  return platform::PropertyList::toBytes(platform::Value(std::move(archive)), platform::PropertyList::Format::XML);
 }
 
 std::optional<QSVessaStateArchive::Computers> QSVessaStateArchive::unarchiveObjectWithData(const std::string& bytes) {

@@ -1,6 +1,7 @@
 // The state file of a conversion (".vessaToQSConversionStateInfo"): the
-// examined computers with everything below them, as a binary property list
-// that describes itself:
+// examined computers with everything below them, as a property list that
+// describes itself (written as XML, read in either format; XML keeps dates
+// to the whole second, as the older product's lists have them):
 //
 //   { "$archiver": "QSVessaConversion", "$version": 1,
 //     "root": [ <VessaComputerBackup archive>, ... ] }

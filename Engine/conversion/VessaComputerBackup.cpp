@@ -48,7 +48,7 @@ bool VessaComputerBackup::constructTargetFolderHierarchy(const std::string& targ
   if (!computerNeedsConversion_) return true;
   platform::VolumeTree& volume = converter_->volume();
   for (const auto& user : users_) {
-    if (converter_->shouldStop()) return false;
+    if (converter_->shouldStopBeforeWriting()) return false;
     const std::string legacy = converter_->currentStateFolder() + "/" + user->relativePathToUserBackup();
     platform::FileAttributes attributes;
     if (!volume.attributesAt(legacy, &attributes) || !attributes.isDirectory()) {

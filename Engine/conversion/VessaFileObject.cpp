@@ -32,19 +32,20 @@ VessaFile* fileNamed(VessaFileObjects& objects, const std::string& name, const s
 
 VessaFileObjects treeAt(platform::VolumeFolder& folder, const std::string& relativePath,
                         QSVessaConversion* converter, unsigned depth) {
+  using Type = platform::VolumeFolder::Entry::Type;
   VessaFileObjects objects;
-  auto names = folder.entries();
-  if (!names) {
+  auto entries = folder.entriesWithTypes();
+  if (!entries) {
     platform::Log::format("Unable to read the legacy folder %s", relativePath.c_str());
     return objects;
   }
   // Listing order differs between file systems; the model does not.
-  std::sort(names->begin(), names->end());
-  for (const std::string& name : *names) {
-    platform::FileAttributes attributes;
-    if (!folder.attributesOf(name, &attributes)) continue;
+  std::sort(entries->begin(), entries->end(), [](const auto& a, const auto& b) { return a.name < b.name; });
+  for (const auto& entry : *entries) {
+    const std::string& name = entry.name;
+    const Type type = folder.typeOf(entry);
     const std::string path = relativePath.empty() ? name : relativePath + "/" + name;
-    if (attributes.isDirectory()) {
+    if (type == Type::Directory) {
       if (depth >= kMaxDepth || converter->shouldStop()) continue;
       auto child = folder.openChild(name);
       if (!child) continue;
@@ -59,7 +60,7 @@ VessaFileObjects treeAt(platform::VolumeFolder& folder, const std::string& relat
       slot = entry;
       continue;
     }
-    if (!attributes.isRegularFile() && !attributes.isSymbolicLink()) continue;
+    if (type != Type::Regular && type != Type::SymbolicLink) continue;
     std::string plainName;
     if (IsFileAVessaPList(name, &plainName)) {
       if (plainName.empty() || !platform::VolumeFolder::isEntryName(plainName)) continue;

@@ -23,7 +23,7 @@ bool VessaFolder::moveFilesToTargetFolderHierarchy_objectKey_relativePathToSourc
   if (!sourceFolder) return true;
   platform::FileAttributes attributes;
   if (!sourceFolder->attributes(&attributes)) return false;
-  if (converter_->shouldStop()) return false;
+  if (converter_->shouldStopBeforeWriting()) return false;
   const std::string targetPath = target.relativePath + "/" + objectKey;
   if (!target.folder.makeChild(objectKey, attributes.mode & 07777, attributes.uid, attributes.gid)) {
     platform::Log::format("Unable to make the folder %s", targetPath.c_str());

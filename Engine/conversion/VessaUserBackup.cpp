@@ -182,7 +182,7 @@ bool VessaUserBackup::moveFilesToTargetFolderHierarchy(const VessaPlace& target)
   fillPListDataWithExclusionFilterDirectory(&list);
   plistData_ = list;
   const auto bytes = platform::PropertyList::toBytes(platform::Value(list), platform::PropertyList::Format::XML);
-  if (converter_->shouldStop()) return false;
+  if (converter_->shouldStopBeforeWriting()) return false;
   // Temporary files of a write that a crash interrupted go first.
   if (const auto names = target.folder.entries())
     for (const std::string& name : *names)

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <map>
 
 #include "tests/support/TempDir.h"
 
@@ -109,6 +110,27 @@ TEST(VolumeFolder, ChildrenAndMovesByName) {
   EXPECT_EQ(st.st_mtim.tv_nsec, 5);
   EXPECT_TRUE(b->removeEntry("c"));
   EXPECT_FALSE(b->removeEntry(".."));
+}
+
+TEST(VolumeFolder, EveryListingStartsFromTheTopWithTheEntriesTypes) {
+  TempDir dir;
+  dir.write("v/file", "x");
+  dir.mkdir("v/folder");
+  ASSERT_EQ(::symlink("file", (dir / "v/link").c_str()), 0);
+  auto volume = platform::VolumeTree::open(dir / "v");
+  auto root = volume->openFolder("");
+  using Type = platform::VolumeFolder::Entry::Type;
+  for (int listing = 0; listing < 2; ++listing) {
+    const auto entries = root->entriesWithTypes();
+    ASSERT_TRUE(entries);
+    ASSERT_EQ(entries->size(), 3u) << "listing " << listing;
+    std::map<std::string, Type> types;
+    for (const auto& entry : *entries) types[entry.name] = root->typeOf(entry);
+    EXPECT_EQ(types.at("file"), Type::Regular);
+    EXPECT_EQ(types.at("folder"), Type::Directory);
+    EXPECT_EQ(types.at("link"), Type::SymbolicLink);
+  }
+  EXPECT_EQ(root->entries()->size(), 3u);
 }
 
 }  // namespace
