@@ -35,34 +35,58 @@ while getopts "v:r:s:B:k" opt; do
   esac
 done
 [[ $(id -u) == 0 ]] || { echo "run as root (loop devices, mounts)"; exit 2; }
+# Everything runs in a mount namespace of its own: should the script be
+# killed outright, its mounts go with it instead of staying on the machine.
+if [[ -z ${SKERROW_CONVBENCH_NAMESPACE:-} ]] && command -v unshare > /dev/null; then
+  export SKERROW_CONVBENCH_NAMESPACE=1
+  exec unshare --mount --propagation private "$0" "$@"
+fi
 for tool in mkfs.ext4 losetup awk; do command -v $tool > /dev/null || { echo "missing $tool"; exit 2; }; done
 BUILD=$(cd "$BUILD" && pwd)
 for program in tests/skerrow_make_legacy tests/skerrow_convert_volume; do
   [[ -x $BUILD/$program ]] || { echo "missing $BUILD/$program (build first)"; exit 2; }
 done
 
+# Work folders of earlier runs that were killed outright (their process is
+# gone): their loop devices are detached and the folders removed.
+for stale in /var/tmp/skerrow-convbench-*; do
+  [[ -f $stale/pid ]] || continue
+  kill -0 "$(cat "$stale/pid")" 2> /dev/null && continue
+  mountpoint -q "$stale/disk" && umount -l "$stale/disk"
+  losetup -j "$stale/run.img" -O NAME -n 2> /dev/null | xargs -r -n1 losetup -d 2> /dev/null || true
+  losetup -j "$stale/legacy.img" -O NAME -n 2> /dev/null | xargs -r -n1 losetup -d 2> /dev/null || true
+  rm -rf "$stale"
+done
+
 W=$(mktemp -d /var/tmp/skerrow-convbench-XXXXXX)
-LOOP=""
+echo $$ > "$W/pid"
+LOOP=""  # a loop device attached but not yet mounted
 cleanup() {
-  mountpoint -q "$W/disk" && umount "$W/disk"
-  [[ -n $LOOP ]] && losetup -d "$LOOP" 2> /dev/null || true
-  if [[ $KEEP == 1 ]]; then echo "kept $W"; else rm -rf "$W"; fi
+  set +e
+  if mountpoint -q "$W/disk"; then umount "$W/disk" 2> /dev/null || umount -l "$W/disk"; fi
+  [[ -n $LOOP ]] && losetup -d "$LOOP" 2> /dev/null
+  if [[ $KEEP == 1 ]]; then rm -f "$W/pid"; echo "kept $W"; else rm -rf "$W"; fi
 }
 trap cleanup EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+trap 'exit 129' HUP
 
 now() { date +%s.%N; }
 elapsed() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", b - a }'; }
 median() { printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { if (NR % 2) print v[(NR + 1) / 2]; else printf "%.3f\n", (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
 
+# The loop device is released as soon as it is attached: it stays while the
+# disk is mounted and detaches itself with the last unmount, however that comes.
 mount_image() {
   LOOP=$(losetup --find --show "$1")
   mkdir -p "$W/disk"
   mount -t ext4 "$LOOP" "$W/disk"
+  losetup -d "$LOOP"
+  LOOP=""
 }
 unmount_image() {
   umount "$W/disk"
-  losetup -d "$LOOP"
-  LOOP=""
 }
 
 # The legacy disk: three versions per file on average.
