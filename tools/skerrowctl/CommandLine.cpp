@@ -44,6 +44,8 @@ std::optional<CommandLine> CommandLine::parse(const std::vector<std::string>& ar
       line.sessionBus = true;
     } else if (option == "--help" || option == "-h") {
       line.help = true;
+    } else if (option == "--version") {
+      line.version = true;
     } else if (option == "--user" || option == "--max-errors") {
       if (i + 1 >= argv.size()) return fail(option + " needs a value");
       const std::string& value = argv[++i];
@@ -56,6 +58,7 @@ std::optional<CommandLine> CommandLine::parse(const std::vector<std::string>& ar
       return fail("unknown option " + option);
     }
   }
+  if (line.version) return line;  // whatever follows
   if (i == argv.size()) {
     if (line.help) return line;
     return fail("no command given");

@@ -30,6 +30,7 @@ struct CommandLine {
   std::optional<std::string> user;  // the user name the client claims
   uint64_t maximumErrors = 0;
   bool help = false;
+  bool version = false;  // --version: print the version, nothing else
 
   const CommandEntry* command = nullptr;
   std::vector<std::string> arguments;

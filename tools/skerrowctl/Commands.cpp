@@ -14,6 +14,7 @@
 #include "ipc/WireCoding.h"
 #include "platform/Date.h"
 #include "platform/RegexPredicate.h"
+#include "platform/Version.h"
 #include "tools/skerrowctl/BackupFollower.h"
 #include "tools/skerrowctl/Json.h"
 #include "tools/skerrowctl/VersionBrowser.h"
@@ -540,7 +541,8 @@ void printUsage(std::ostream& out) {
          "  --json           machine-readable output (one JSON document or event per line)\n"
          "  --session        talk to an engine on the session bus (skerrowd -userApp)\n"
          "  --user NAME      act for NAME (only root may act for another user)\n"
-         "  --max-errors N   stop a backup after N failed copies in a row (default 0: never)\n\n"
+         "  --max-errors N   stop a backup after N failed copies in a row (default 0: never)\n"
+         "  --version        print the version and exit\n\n"
          "skerrowctl COMMAND --help explains one command.\n";
 }
 
@@ -580,6 +582,10 @@ int run(const std::vector<std::string>& argv, std::ostream& out, std::ostream& e
     err << "skerrowctl: " << why << "\n";
     printUsage(err);
     return kUsage;
+  }
+  if (line->version) {
+    out << "skerrowctl " << platform::projectVersion() << "\n";
+    return kOK;
   }
   if (line->help) {
     if (!line->command) {

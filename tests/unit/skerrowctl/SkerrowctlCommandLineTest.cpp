@@ -85,3 +85,35 @@ TEST(SkerrowctlJsonTest, WritesEscapedStringsNumbersAndNestedValuesInOrder) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(SkerrowctlVersionTest, VersionPrintsTheProjectVersionAndNothingElse) {
+  std::ostringstream out, err;
+  EXPECT_EQ(skerrowctl::run({"--version"}, out, err), 0);
+  EXPECT_EQ(out.str(), std::string("skerrowctl ") + SKERROW_EXPECTED_VERSION + "\n");
+  EXPECT_EQ(err.str(), "");
+}
+
+TEST(SkerrowctlVersionTest, VersionWinsOverACommandWithoutReachingTheEngine) {
+  std::ostringstream out, err;
+  // "list" would need the engine; --version answers before any bus is opened.
+  EXPECT_EQ(skerrowctl::run({"--json", "--version", "list"}, out, err), 0);
+  EXPECT_EQ(out.str(), std::string("skerrowctl ") + SKERROW_EXPECTED_VERSION + "\n");
+}
+
+TEST(SkerrowctlVersionTest, RestoresVersionOptionIsNotTheGlobalOne) {
+  std::string error;
+  const auto line = CommandLine::parse({"restore", "a.txt", "--version", "3"}, skerrowctl::commandTable(), &error);
+  ASSERT_TRUE(line) << error;
+  EXPECT_FALSE(line->version);
+  EXPECT_EQ(line->value("--version"), "3");
+}
+
+TEST(SkerrowctlVersionTest, UsageListsVersion) {
+  std::ostringstream out, err;
+  EXPECT_EQ(skerrowctl::run({"--help"}, out, err), 0);
+  EXPECT_NE(out.str().find("--version"), std::string::npos);
+}
+
+}  // namespace
