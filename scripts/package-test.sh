@@ -54,9 +54,16 @@ for p in skerrow skerrow-client; do
   fi
 done
 [ ! -e /etc/skerrow ] || fail "/etc/skerrow exists; this test would change it"
-[ ! -e "$store" ] || fail "$store exists; this test would change it"
+# An empty database folder (left by an engine run without SKERROW_ROOT) is
+# put back as it was at the end; one holding a database is not touched.
+store_mode=""
+if [ -e "$store" ]; then
+  [ -d "$store" ] && [ -z "$(ls -A "$store")" ] || fail "$store holds a database; this test would change it"
+  store_mode=$(stat -c %a "$store")
+fi
 library_existed=0
 [ -e /Library ] && library_existed=1
+restore_store() { [ -n "$store_mode" ] && install -d -m "$store_mode" "$store"; true; }
 
 step "Installing what building and testing the packages needs"
 scripts/install-deps.sh --package
@@ -85,6 +92,7 @@ cleanup() {
     [ ${#pulled_in[@]} -gt 0 ] && apt-get purge -y -qq "${pulled_in[@]}" >/dev/null 2>&1
     rm -rf "$store"
     [ "$library_existed" = 0 ] && rm -rf /Library
+    restore_store
   fi
   rm -rf "$work" "$run"
 }
@@ -314,6 +322,7 @@ if [ "$library_existed" = 0 ] && [ -e /Library ]; then echo "left: /Library"; le
 found=$(find /etc /usr /var/lib -iname '*skerrow*' -not -path "$work*" 2>/dev/null || true)
 [ -z "$found" ] || { echo "left: $found"; left=1; }
 [ "$left" = 0 ] || fail "something of the packages is left"
+restore_store
 echo "nothing left: no file of the packages' lists, no /etc/skerrow, no database folder, nothing named skerrow in /etc, /usr or /var/lib"
 
 echo
