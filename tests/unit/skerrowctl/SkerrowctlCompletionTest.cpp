@@ -123,9 +123,12 @@ TEST(SkerrowctlCompletionTest, ZshListsEveryCommandAndOptionOfTheTable) {
   for (auto it = std::sregex_iterator(block.begin(), block.end(), entry); it != std::sregex_iterator(); ++it)
     listed.insert((*it)[1]);
   EXPECT_EQ(listed, tableCommands());
-  for (const auto& command : skerrowctl::commandTable())
-    for (const auto& option : tableOptions(command))
-      if (option != "--help") EXPECT_NE(text.find("'" + option + "["), std::string::npos) << command.name << " " << option;
+  for (const auto& command : skerrowctl::commandTable()) {
+    for (const auto& option : tableOptions(command)) {
+      if (option == "--help") continue;
+      EXPECT_NE(text.find("'" + option + "["), std::string::npos) << command.name << " " << option;
+    }
+  }
   for (const char* global : {"--json", "--session", "--user", "--max-errors", "--version"})
     EXPECT_NE(text.find(global), std::string::npos) << global;
 }
