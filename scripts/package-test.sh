@@ -85,8 +85,9 @@ cleanup() {
     kill -- "-$bus_pid" 2>/dev/null || kill "$bus_pid" 2>/dev/null
     wait "$bus_pid" 2>/dev/null
   fi
-  mountpoint -q "$run/disk" && umount "$run/disk"
+  mountpoint -q "$run/media/disk" && umount "$run/media/disk"
   [ -n "$loop_dev" ] && losetup -d "$loop_dev"
+  mountpoint -q "$run/media" && umount "$run/media"
   if [ "$installed_by_us" = 1 ]; then
     apt-get purge -y -qq skerrow skerrow-client >/dev/null 2>&1
     [ ${#pulled_in[@]} -gt 0 ] && apt-get purge -y -qq "${pulled_in[@]}" >/dev/null 2>&1
@@ -222,6 +223,12 @@ stop_bus() {
 }
 
 step "The installed skerrowd, confined as $unit says, on a private system bus"
+# Disks are mounted below $run/media, made a shared mount as every mount is on
+# a machine booted with systemd, so that a disk mounted later reaches the
+# engine's own mount namespace as it reaches a service's.
+mkdir -p "$run/media"
+mount --bind "$run/media" "$run/media"
+mount --make-shared "$run/media"
 start_bus system
 scripts/confine/run-confined.sh "$unit" /usr/bin/env "${nss_env[@]}" SKERROW_LOG_STDERR=1 /usr/sbin/skerrowd \
   2>"$run/skerrowd.log" &
@@ -240,15 +247,18 @@ step "A 64 MiB ext4 disk, mounted after the engine started (like a disk plugged 
 truncate -s 64M "$run/disk.img"
 mkfs.ext4 -q -L PackageTest "$run/disk.img"
 loop_dev=$(losetup -f --show "$run/disk.img")
-mkdir -p "$run/disk"
-mount "$loop_dev" "$run/disk"
-chmod 755 "$run/disk"
+disk="$run/media/disk"
+mkdir -p "$disk"
+mount "$loop_dev" "$disk"
+chmod 755 "$disk"
+wait_for 10 grep -q "appeared at $disk" "$run/skerrowd.log" || { cat "$run/skerrowd.log"; fail "the engine did not see the disk"; }
+grep "appeared at $disk" "$run/skerrowd.log"
 
-step "skerrowctl manage $run/disk, backup"
-wait_for 20 as_ann manage "$run/disk" --depth 3 || { cat "$run/skerrowd.log"; fail "manage"; }
+step "skerrowctl manage $disk, backup"
+as_ann manage "$disk" --depth 3 || { cat "$run/skerrowd.log"; fail "manage"; }
 as_ann list
 as_ann backup || { tail -n 30 "$run/skerrowd.log"; fail "the first backup did not complete"; }
-backup_dir=$(find "$run/disk/qs skerrow.skstor" -mindepth 1 -maxdepth 1 -type d | head -n1)
+backup_dir=$(find "$disk/qs skerrow.skstor" -mindepth 1 -maxdepth 1 -type d | head -n1)
 [ -n "$backup_dir" ] || fail "no backup folder on the disk"
 stored=$(find "$backup_dir/Documents" -name 'report*.txt' | head -n1)
 [ -n "$stored" ] && [ "$(cat "$stored")" = "The first draft." ] || fail "Documents/report.txt is not on the disk"
