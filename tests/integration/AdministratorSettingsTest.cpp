@@ -46,11 +46,14 @@ TEST(AdministratorSettingsTest, AnAdministratorsBlackListKeepsFilesOutOfABackupM
   std::ofstream(ann.home + "/.cache/kept.txt") << "the defaults would leave this out\n";
   skerrow_test::runCommand({"chown", "-R", "-h", "1500:1500", ann.home});
 
-  // The administrator's list holds one extension; it replaces the defaults whole.
+  // The administrator's list holds one extension and one folder; it replaces
+  // the defaults whole.  (A list without any folder would black-list the empty
+  // suffix, the home folder itself, and nothing would be backed up.)
   const std::string settings = f.storeRoot() + kSettingsRelative;
   std::filesystem::create_directories(std::filesystem::path(settings).parent_path());
   std::ofstream(settings) << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
                              "<key>QSBlackList</key><dict><key>QSFileExtensions</key><array><string>iso</string>"
+                             "</array><key>QSHomeDirSuffixes</key><array><string>/Downloads(/.*)?</string>"
                              "</array></dict></dict></plist>\n";
   FileSystemImage disk(FileSystemImage::Kind::Ext4, 64ull << 20, skerrow_test::FileSystemImageOptions{.label = "Backup"});
   std::filesystem::permissions(disk.folder(), std::filesystem::perms(0755));
@@ -73,7 +76,9 @@ TEST(AdministratorSettingsTest, AnAdministratorsBlackListKeepsFilesOutOfABackupM
     iso |= path.find(".iso") != std::string::npos;
     cache |= path.rfind(".cache/kept", 0) == 0;
   }
-  EXPECT_TRUE(report) << "Documents/report.txt was not backed up";
+  std::string listing;
+  for (const auto& [path, file] : stored) listing += path + "\n";
+  EXPECT_TRUE(report) << "Documents/report.txt was not backed up; stored:\n" << listing;
   EXPECT_FALSE(iso) << "installer.iso was backed up although the administrator's list leaves .iso out";
   EXPECT_TRUE(cache) << ".cache was left out: the shipped defaults were read, not the administrator's list";
 }
