@@ -274,6 +274,12 @@ echo "the copy of report.txt: owner 4343, mode 600; Documents/shared: mode 2750;
 step "A second draft, a second backup, the versions, restoring the first"
 echo "The second draft, longer." >"$home/Documents/report.txt"
 as_ann backup >/dev/null || fail "the second backup did not complete"
+# Only the changed file is copied again: an unchanged one is recognised by
+# its stored creation date, read through the unit's system-call filter.
+stored_now=$(find "$backup_dir" -type f ! -name '.com.qsc.backupinfo' | sed "s|$backup_dir/||" | sort | tr '\n' ' ')
+[ "$stored_now" = "Documents/report@0.txt Documents/report@1.txt Documents/shared/notes@0.txt Pictures/holiday@0.jpg " ] ||
+  fail "after the second backup the disk holds: $stored_now"
+echo "on the disk: $stored_now"
 as_ann versions Documents/report.txt | tee "$run/versions"
 [ "$(grep -c 'report' "$run/versions")" -ge 2 ] || fail "two versions of report.txt are not listed"
 as_ann restore Documents/report.txt --version 0 --to "$home/first-draft.txt"

@@ -180,7 +180,14 @@ bool QSSkerrowBackupService::createManagedBackup(const std::string& uid, const s
   platform::FileAttributes storage;
   const std::string storagePath = platform::appendingPathComponent(mountPath, kBackupDestinationDirectoryName);
   if (!platform::FileManager::attributesAtPath(storagePath, &storage)) {
-    if (!platform::FileCopier::createDirectoryBeneath(mountPath, kBackupDestinationDirectoryName, nullptr, &error,
+    // root's, 0755 whatever the engine's umask (its unit sets 0077): users
+    // reach their own backup folders through it.
+    platform::FileAttributes shared;
+    shared.type = platform::FileAttributes::Type::Directory;
+    shared.mode = S_IFDIR | 0755;
+    shared.uid = 0;
+    shared.gid = 0;
+    if (!platform::FileCopier::createDirectoryBeneath(mountPath, kBackupDestinationDirectoryName, &shared, &error,
                                                       mount.device))
       return false;
   }
