@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <string>
 
 #include "tests/support/BackupScenario.h"
@@ -38,13 +39,13 @@ std::string runAs(EngineFixture& f, const TestUser& user, const std::vector<std:
 TEST(AdministratorSettingsTest, AnAdministratorsBlackListKeepsFilesOutOfABackupMadeWithSkerrowctl) {
   if (auto reason = skerrow_test::BackupScenario::unavailableReason()) GTEST_SKIP() << *reason;
   EngineFixture f;
-  const TestUser& ann = f.users().addUser("ann", 1500, 1500, "Ann Example");
-  std::filesystem::create_directories(ann.home + "/Documents");
-  std::filesystem::create_directories(ann.home + "/.cache");
-  std::ofstream(ann.home + "/Documents/report.txt") << "The first draft.\n";
-  std::ofstream(ann.home + "/Documents/installer.iso") << "an image\n";
-  std::ofstream(ann.home + "/.cache/kept.txt") << "the defaults would leave this out\n";
-  skerrow_test::runCommand({"chown", "-R", "-h", "1500:1500", ann.home});
+  const TestUser& ada = f.users().addUser("ada", 1542, 1542, "Ada Example");
+  std::filesystem::create_directories(ada.home + "/Documents");
+  std::filesystem::create_directories(ada.home + "/.cache");
+  std::ofstream(ada.home + "/Documents/report.txt") << "The first draft.\n";
+  std::ofstream(ada.home + "/Documents/installer.iso") << "an image\n";
+  std::ofstream(ada.home + "/.cache/kept.txt") << "the defaults would leave this out\n";
+  skerrow_test::runCommand({"chown", "-R", "-h", "1542:1542", ada.home});
 
   // The administrator's list holds one extension and one folder; it replaces
   // the defaults whole.  (A list without any folder would black-list the empty
@@ -61,15 +62,15 @@ TEST(AdministratorSettingsTest, AnAdministratorsBlackListKeepsFilesOutOfABackupM
   EXPECT_TRUE(engine.waitForLogLine("Black list settings from " + settings)) << engine.logText();
 
   int status = -1;
-  std::string output = runAs(f, ann, {"manage", disk.mountPoint(), "--depth", "2"}, &status);
+  std::string output = runAs(f, ada, {"--json", "manage", disk.mountPoint(), "--depth", "2"}, &status);
   ASSERT_EQ(status, 0) << output;
-  output = runAs(f, ann, {"backup"}, &status);
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(output, m, std::regex("\"uid\":\"([0-9A-F-]{36})\""))) << output;
+  const std::string uid = m[1];
+  output = runAs(f, ada, {"backup", uid}, &status);
   ASSERT_EQ(status, 0) << output;
 
-  const std::string storage = disk.mountPoint() + "/qs skerrow.skstor";
-  std::map<std::string, skerrow_test::StoredFile> stored;
-  for (const auto& backup : std::filesystem::directory_iterator(storage))
-    for (const auto& [path, file] : skerrow_test::regularFilesBelow(backup.path().string())) stored[path] = file;
+  const auto stored = skerrow_test::regularFilesBelow(disk.mountPoint() + "/qs skerrow.skstor/" + uid);
   bool report = false, iso = false, cache = false;
   for (const auto& [path, file] : stored) {
     report |= path.rfind("Documents/report", 0) == 0;
