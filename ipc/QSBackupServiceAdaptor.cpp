@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "ipc/WireCoding.h"
+#include "ipc/WireOutcome.h"
 #include "ipc/WireValues.h"
 #include "platform/Exception.h"
 
@@ -146,6 +147,14 @@ std::tuple<std::string, bool> QSBackupServiceAdaptor::startManagingVolumeWithBSD
 
 wire::DatabaseWire QSBackupServiceAdaptor::database() {
   return guarded([&] { return wire::toWireDatabase(service_->database()); });
+}
+
+std::vector<wire::OutcomeWire> QSBackupServiceAdaptor::outcomeForBackup(const std::string& uid) {
+  return guarded([&] {
+    std::vector<wire::OutcomeWire> answer;
+    if (const auto outcome = service_->outcomeForBackup(uid)) answer.push_back(wire::toWireOutcome(*outcome));
+    return answer;
+  });
 }
 
 wire::HeartbeatWire QSBackupServiceAdaptor::heartbeat() {

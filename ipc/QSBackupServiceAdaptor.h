@@ -59,6 +59,7 @@ class QSBackupServiceAdaptor
   std::tuple<std::string, bool> startManagingVolumeWithBSDName_didSucceed(const std::string& bsdName) override;
   wire::DatabaseWire database() override;
   wire::HeartbeatWire heartbeat() override;
+  std::vector<wire::OutcomeWire> outcomeForBackup(const std::string& uid) override;
 
   // Checks the caller, runs `work`, and turns an engine failure into a D-Bus error.
   template <class Work>

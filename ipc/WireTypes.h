@@ -29,5 +29,10 @@ using ErrorWire = sdbus::Struct<int64_t, int64_t, std::vector<std::string>, std:
                                 std::vector<std::string>, std::vector<double>>;
 // The heartbeat: time, date.
 using HeartbeatWire = sdbus::Struct<double, double>;
+// A backup's last outcome: uid, kind, state, started, ended, filesCopied,
+// bytesCopied, filesExpected, bytesExpected, failedFiles, commonFailure,
+// commonFailureCount, sequence.
+using OutcomeWire = sdbus::Struct<std::string, std::string, std::string, double, double, int64_t, int64_t, int64_t,
+                                  int64_t, int64_t, std::string, int64_t, uint64_t>;
 
 }  // namespace wire

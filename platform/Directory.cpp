@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -170,6 +171,25 @@ std::unique_ptr<Directory> Directory::openChild(const std::string& name) const {
   FileDescriptor fd(::openat(fd_.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!fd) return nullptr;
   return std::unique_ptr<Directory>(new Directory(std::move(fd)));
+}
+
+std::unique_ptr<Directory> Directory::openBeneath(const std::string& root, const std::string& relative) {
+  auto folder = open(root);
+  size_t start = 0;
+  while (folder && start < relative.size()) {
+    const size_t slash = relative.find('/', start);
+    const size_t end = slash == std::string::npos ? relative.size() : slash;
+    const std::string part = relative.substr(start, end - start);
+    start = end + 1;
+    if (part.empty() || part == ".") continue;
+    if (part == "..") return nullptr;
+    folder = folder->openChild(part);
+  }
+  return folder;
+}
+
+bool Directory::renameEntry(const std::string& from, const std::string& to) const {
+  return ::renameat(fd_.get(), from.c_str(), fd_.get(), to.c_str()) == 0;
 }
 
 bool Directory::readEntry(std::string* name) {

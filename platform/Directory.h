@@ -29,6 +29,13 @@ class Directory {
 
   // The subfolder `name`, never through a symbolic link; nothing otherwise.
   std::unique_ptr<Directory> openChild(const std::string& name) const;
+  // The folder `relative` below the trusted folder `root`, opened one
+  // component at a time with openChild (no link and no ".." is followed);
+  // nothing when a component is missing or not a folder.
+  static std::unique_ptr<Directory> openBeneath(const std::string& root, const std::string& relative);
+  // Renames the entry `from` of this folder to `to` in the same folder
+  // (an existing `to` is replaced); false with errno set on failure.
+  bool renameEntry(const std::string& from, const std::string& to) const;
 
   // The next entry's name ("." and ".." skipped); false at the end or on an error.
   bool readEntry(std::string* name);

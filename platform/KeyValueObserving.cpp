@@ -33,6 +33,7 @@ void KeyValueObservable::addObserver_forKeyPath_options_context(KeyValueObserver
 }
 
 void KeyValueObservable::removeObserver_forKeyPath(KeyValueObserver* observer, const std::string& keyPath) {
+  std::lock_guard<std::recursive_mutex> calls(notifying_);
   std::lock_guard<std::recursive_mutex> lock(mutex_);
   for (auto it = registrations_.rbegin(); it != registrations_.rend(); ++it) {
     if (it->observer == observer && it->keyPath == keyPath) {
@@ -61,6 +62,7 @@ std::vector<KeyValueObservable::Registration> KeyValueObservable::registrationsF
 void KeyValueObservable::notify(const std::string& key, const KeyValueChangeInfo& change, bool prior) {
   for (const Registration& r : registrationsFor(key)) {
     if (prior && !(r.options & kKeyValueObservingOptionPrior)) continue;
+    std::lock_guard<std::recursive_mutex> calls(notifying_);
     {
       // Skip observers removed by an earlier observer of this very change.
       std::lock_guard<std::recursive_mutex> lock(mutex_);

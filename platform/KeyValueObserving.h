@@ -57,6 +57,9 @@ class KeyValueObservable {
   void addObserver_forKeyPath_options_context(KeyValueObserver* observer, const std::string& keyPath,
                                               unsigned options, void* context);
   // Removes one registration of the observer for the key path (the latest).
+  // Once it returns, no call to that observer is under way on any thread
+  // (it waits for one in progress), so the observer may then be destroyed.
+  // An observer may remove itself from inside its own observation call.
   void removeObserver_forKeyPath(KeyValueObserver* observer, const std::string& keyPath);
   size_t observationCount(const std::string& keyPath) const;
 
@@ -88,6 +91,8 @@ class KeyValueObservable {
   void endChange(const std::string& key, KeyValueChange kind, std::any objects);
 
   mutable std::recursive_mutex mutex_;
+  // Held while an observer is called, and by removal: the two never overlap.
+  mutable std::recursive_mutex notifying_;
   std::vector<Registration> registrations_;
   std::vector<Pending> pending_;
 };

@@ -1,8 +1,10 @@
 #include "platform/Log.h"
 
 #include <syslog.h>
+#include <systemd/sd-journal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -24,32 +26,59 @@ Log::Sink& currentSink() {
   return sink;
 }
 
-void systemLog(const std::string& text) {
-  static std::once_flag opened;
-  std::call_once(opened, [] { openlog(nullptr, LOG_PID | LOG_NDELAY, LOG_DAEMON); });
-  syslog(LOG_NOTICE, "%s", text.c_str());
+Log::EntrySink& currentEntrySink() {
+  static Log::EntrySink sink;
+  return sink;
+}
+
+// To the journal with sd_journal_send; to syslog where no journal listens.
+void systemLog(const LogEntry& entry) {
+  std::vector<std::string> assignments;
+  assignments.reserve(entry.fields.size() + 3);
+  assignments.push_back("MESSAGE=" + entry.text);
+  assignments.push_back("PRIORITY=" + std::to_string(static_cast<int>(entry.priority)));
+  assignments.push_back("SYSLOG_IDENTIFIER=" + std::string(program_invocation_short_name));
+  for (const auto& [name, value] : entry.fields) assignments.push_back(name + "=" + value);
+  std::vector<struct iovec> vector(assignments.size());
+  for (size_t i = 0; i < assignments.size(); ++i)
+    vector[i] = {const_cast<char*>(assignments[i].data()), assignments[i].size()};
+  if (sd_journal_sendv(vector.data(), static_cast<int>(vector.size())) < 0) {
+    static std::once_flag opened;
+    std::call_once(opened, [] { openlog(nullptr, LOG_PID | LOG_NDELAY, LOG_DAEMON); });
+    syslog(static_cast<int>(entry.priority), "%s", entry.text.c_str());
+  }
   // Standard error too when it is a terminal, or when SKERROW_LOG_STDERR asks for it (tests, debugging).
   static const bool toTerminal = isatty(STDERR_FILENO) == 1 || std::getenv("SKERROW_LOG_STDERR") != nullptr;
   if (toTerminal) {
-    std::string out = text;
+    std::string out = entry.text;
     out += '\n';
     ssize_t ignored = ::write(STDERR_FILENO, out.data(), out.size());
     (void)ignored;
   }
 }
 
-}  // namespace
-
-void Log::line(const std::string& text) {
-  Sink sink;
+void write(const LogEntry& entry) {
+  Log::Sink sink;
+  Log::EntrySink entrySink;
   {
     std::lock_guard<std::mutex> lock(sinkMutex());
     sink = currentSink();
+    entrySink = currentEntrySink();
   }
+  if (entrySink) entrySink(entry);
   if (sink)
-    sink(text);
-  else
-    systemLog(text);
+    sink(entry.text);
+  else if (!entrySink)
+    systemLog(entry);
+}
+
+}  // namespace
+
+void Log::line(const std::string& text) { write(LogEntry{LogPriority::Info, text, {}}); }
+
+void Log::event(LogPriority priority, const std::string& text,
+                std::vector<std::pair<std::string, std::string>> fields) {
+  write(LogEntry{priority, text, std::move(fields)});
 }
 
 void Log::format(const char* fmt, ...) {
@@ -65,6 +94,11 @@ void Log::writeStandardOutput(const std::string& text) {
   std::fflush(stdout);
 }
 
+void Log::writeStandardError(const std::string& text) {
+  std::fwrite(text.data(), 1, text.size(), stderr);
+  std::fflush(stderr);
+}
+
 Log::Sink Log::setSink(Sink sink) {
   std::lock_guard<std::mutex> lock(sinkMutex());
   Sink previous = std::move(currentSink());
@@ -72,9 +106,17 @@ Log::Sink Log::setSink(Sink sink) {
   return previous;
 }
 
+Log::EntrySink Log::setEntrySink(EntrySink sink) {
+  std::lock_guard<std::mutex> lock(sinkMutex());
+  EntrySink previous = std::move(currentEntrySink());
+  currentEntrySink() = std::move(sink);
+  return previous;
+}
+
 struct LogCapture::State {
   mutable std::mutex mutex;
   std::vector<std::string> lines;
+  std::vector<LogEntry> entries;
 };
 
 LogCapture::LogCapture() : state_(std::make_shared<State>()) {
@@ -83,9 +125,21 @@ LogCapture::LogCapture() : state_(std::make_shared<State>()) {
     std::lock_guard<std::mutex> lock(state->mutex);
     state->lines.push_back(text);
   });
+  previousEntrySink_ = Log::setEntrySink([state](const LogEntry& entry) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->entries.push_back(entry);
+  });
 }
 
-LogCapture::~LogCapture() { Log::setSink(std::move(previous_)); }
+LogCapture::~LogCapture() {
+  Log::setEntrySink(std::move(previousEntrySink_));
+  Log::setSink(std::move(previous_));
+}
+
+std::vector<LogEntry> LogCapture::entries() const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return state_->entries;
+}
 
 std::vector<std::string> LogCapture::lines() const {
   std::lock_guard<std::mutex> lock(state_->mutex);

@@ -19,6 +19,12 @@ class Object : public std::enable_shared_from_this<Object> {
   std::shared_ptr<T> self() {
     return std::static_pointer_cast<T>(shared_from_this());
   }
+  // This object as a weak pointer of its own class; empty while the object
+  // is being destroyed (or was never owned by a shared pointer).
+  template <class T>
+  std::weak_ptr<T> weakSelf() {
+    return std::static_pointer_cast<T>(weak_from_this().lock());
+  }
 };
 
 }  // namespace platform

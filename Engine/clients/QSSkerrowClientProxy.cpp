@@ -2,25 +2,39 @@
 
 #include "platform/Exception.h"
 #include "platform/Log.h"
+#include "platform/OVThread.h"
+
+std::unique_lock<std::recursive_mutex> QSSkerrowClientProxy::serialize() const {
+  std::unique_lock<std::recursive_mutex> lock(lock_, std::defer_lock);
+  if (platform::OVThread::isMainThread())
+    (void)lock.try_lock();
+  else
+    lock.lock();
+  return lock;
+}
 
 void QSSkerrowClientProxy::setProxiedObject(std::shared_ptr<QSBackupClientProtocol> client) {
   std::shared_ptr<QSBackupClientProtocol> old;
-  std::lock_guard<std::recursive_mutex> lock(lock_);
+  const auto serial = serialize();
+  std::lock_guard<std::mutex> lock(clientMutex_);
   old = std::exchange(client_, std::move(client));
 }
 
 std::shared_ptr<QSBackupClientProtocol> QSSkerrowClientProxy::proxiedObject() const {
-  std::lock_guard<std::recursive_mutex> lock(lock_);
+  std::lock_guard<std::mutex> lock(clientMutex_);
   return client_;
 }
 
 template <class Call>
 bool QSSkerrowClientProxy::relay(Call&& call) {
-  if (!client_) return false;
+  const auto client = proxiedObject();
+  if (!client) return false;
   try {
-    call(*client_);
+    call(*client);
   } catch (const platform::Exception&) {
-    setProxiedObject(nullptr);
+    // Dropped unless another client has been set meanwhile.
+    std::lock_guard<std::mutex> lock(clientMutex_);
+    if (client_ == client) client_.reset();
     return false;
   }
   return true;
@@ -29,7 +43,7 @@ bool QSSkerrowClientProxy::relay(Call&& call) {
 // The traced relays: the lock is held for the call and its trace line, so
 // lines and calls keep one order.
 #define QS_RELAY_TRACED(call, ...)                                     \
-  std::lock_guard<std::recursive_mutex> lock(lock_);                  \
+  const auto serial = serialize();                                     \
   if (relay([&](QSBackupClientProtocol& client) { client.call; }))    \
     platform::Log::format(__VA_ARGS__);
 
@@ -92,17 +106,17 @@ void QSSkerrowClientProxy::conversionChangedState_forMountPath(const std::string
 #undef QS_RELAY_TRACED
 
 void QSSkerrowClientProxy::error(const QSBackupError& error) {
-  std::lock_guard<std::recursive_mutex> lock(lock_);
+  const auto serial = serialize();
   relay([&](QSBackupClientProtocol& client) { client.error(error); });
 }
 
 void QSSkerrowClientProxy::stoppedDueToErrorsForBackup(const std::string& uid) {
-  std::lock_guard<std::recursive_mutex> lock(lock_);
+  const auto serial = serialize();
   relay([&](QSBackupClientProtocol& client) { client.stoppedDueToErrorsForBackup(uid); });
 }
 
 uint64_t QSSkerrowClientProxy::maximumContiguousErrorsClientWants() {
-  std::lock_guard<std::recursive_mutex> lock(lock_);
+  const auto serial = serialize();
   uint64_t answer = 0;
   relay([&](QSBackupClientProtocol& client) { answer = client.maximumContiguousErrorsClientWants(); });
   return answer;

@@ -11,6 +11,12 @@
 // A call that raises platform::Exception (the client has gone away) drops
 // the client silently; later callbacks are lost until a client is set again.
 // Any other exception passes through once the lock is released.
+//
+// The main thread never waits for the lock: a stage thread holds it for as
+// long as its client takes to answer, and the main loop must go on serving.
+// A call from the main thread does not wait for the client either (the bus
+// layer only queues it, in order), so it is made without the lock when the
+// lock is busy.
 #pragma once
 
 #include <memory>
@@ -53,7 +59,11 @@ class QSSkerrowClientProxy : public QSBackupClientProtocol {
   // it returned normally; a platform::Exception drops the client.
   template <class Call>
   bool relay(Call&& call);
+  // The proxy's lock as the calling thread may take it (see above).
+  std::unique_lock<std::recursive_mutex> serialize() const;
 
   mutable std::recursive_mutex lock_;
+  // Guards `client_` alone, held only to read or replace it.
+  mutable std::mutex clientMutex_;
   std::shared_ptr<QSBackupClientProtocol> client_;
 };

@@ -59,7 +59,8 @@ bool QSFirstStage::enqueue_forUser(const std::shared_ptr<QSToken>& token, const 
 }
 
 bool QSFirstStage::setClient_forUser(std::shared_ptr<QSBackupClientProtocol> client, const std::string& name) {
-  std::lock_guard<std::recursive_mutex> lock(lock_);
+  // The environment is looked up under the stage's lock; the client is set
+  // (and called) outside it.
   const auto environment = environmentForUser(name);
   if (!environment) return false;
   environment->setClient(std::move(client));

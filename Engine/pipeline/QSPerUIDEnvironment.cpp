@@ -62,12 +62,10 @@ void QSPerUIDEnvironment::observe(platform::NotificationCenter* center) {
 }
 
 void QSPerUIDEnvironment::stopObservingClient() {
-  // Under the user environment's lock no change of its client is being
-  // announced, so no observation call can be under way once this returns.
-  std::lock_guard<std::recursive_mutex> userLock(userEnvironment_->monitor());
-  if (!observingClient_) return;
+  // Once the removal returns no observation call is under way (the
+  // observable waits for one in progress).
+  if (!observingClient_.exchange(false)) return;
   userEnvironment_->removeObserver_forKeyPath(this, "client");
-  observingClient_ = false;
 }
 
 void QSPerUIDEnvironment::start() {
@@ -100,8 +98,19 @@ bool QSPerUIDEnvironment::enqueue(const std::shared_ptr<QSToken>& token) {
 }
 
 void QSPerUIDEnvironment::cancelPipe() {
-  std::lock_guard<std::recursive_mutex> lock(lock_);
-  isPipeCancelled_.store(true);
+  std::vector<std::shared_ptr<QSToken>> dropped;
+  {
+    std::lock_guard<std::recursive_mutex> lock(lock_);
+    isPipeCancelled_.store(true);
+    jobCancelled_.store(true);
+    // The queue is emptied at once, so that the next request is taken while
+    // the cancelled job winds down; a token whose job had not begun ends here.
+    queue_.enumerate([&](std::shared_ptr<QSToken>& token) {
+      if (token != jobToken_) dropped.push_back(token);
+    });
+    queue_.removeAllObjects();
+  }
+  for (const auto& token : dropped) token->endCancelled();
 }
 
 void QSPerUIDEnvironment::cancel() {
@@ -116,9 +125,11 @@ bool QSPerUIDEnvironment::threadCancelled() const { return cancelRequested_.load
 
 void QSPerUIDEnvironment::dischargePipe() {
   std::lock_guard<std::recursive_mutex> lock(lock_);
-  if (!isPipeCancelled_.load())
-    queue_.enumerate([this](std::shared_ptr<QSToken>& token) { token->runWithObject(*this); });
-  queue_.removeAllObjects();
+  // Only the job's own token: after a cancel the queue may already hold the
+  // next request, which is neither run nor removed here.
+  if (!jobToken_ || queue_.front().value_or(nullptr) != jobToken_) return;
+  if (!jobCancelled_.load()) jobToken_->runWithObject(*this);
+  queue_.dequeue();
 }
 
 std::shared_ptr<QSToken> QSPerUIDEnvironment::currentToken() const { return queue_.front().value_or(nullptr); }
@@ -156,6 +167,16 @@ void QSPerUIDEnvironment::run() {
   }
 }
 
+bool QSPerUIDEnvironment::beginJob(const std::shared_ptr<QSToken>& token) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  // A cancel that came before the job began has taken the token off the queue.
+  if (!token || queue_.front().value_or(nullptr) != token) return false;
+  jobToken_ = token;
+  jobCancelled_.store(false);
+  report_ = std::make_unique<QSJobReport>(uid_);
+  return true;
+}
+
 void QSPerUIDEnvironment::waitForWork() {
   uint64_t idlePolls = 0;
   while (queue_.count() == 0 && !threadCancelled()) {
@@ -173,9 +194,8 @@ void QSPerUIDEnvironment::waitForWork() {
   }
 }
 
-void QSPerUIDEnvironment::processRealtimeEvent(const FSEvent&) {}
-
 void QSPerUIDEnvironment::runJobWithToken(const std::shared_ptr<QSToken>& token) {
+  if (!beginJob(token)) return;
   std::shared_ptr<QSFSMutableNode> tree;
   std::shared_ptr<QSMutableTally> tally;
   token->getTree_tally(&tree, &tally);
@@ -190,26 +210,26 @@ void QSPerUIDEnvironment::runJobWithToken(const std::shared_ptr<QSToken>& token)
   if (platform::FileManager::attributesAtPath(destination, &attributes)) destinationDevice_ = attributes.device;
 
   runDestinationTallyWithToken(token);
+  // A request that piggybacks on this count may still turn it into a backup
+  // up to this point, under the lock.
   bool wantsBackup;
   {
     std::lock_guard<std::recursive_mutex> lock(lock_);
     wantsBackup = token->wantsBackup();
-    if (!wantsBackup) {
-      dischargePipe();
-      endJob();
-    }
   }
-  if (!wantsBackup) return;
-  runBackupWithToken(token);
+  if (wantsBackup) runBackupWithToken(token);
+  const QSBackupOutcome outcome = report_->outcome(wantsBackup, jobCancelled_.load(), this->tally().get());
   // The token is run again before the queue is emptied: running it is what
   // tells the server that this destination's backup is complete.
   dischargePipe();
   endJob();
+  token->endWithOutcome(outcome);
 }
 
 void QSPerUIDEnvironment::endJob() {
   std::lock_guard<std::recursive_mutex> lock(lock_);
-  queue_.removeAllObjects();
+  if (jobToken_ && queue_.front().value_or(nullptr) == jobToken_) queue_.dequeue();
+  jobToken_.reset();
   stage_ = kStageFinished;
   root_.reset();
   tally_.set(nullptr);
@@ -224,50 +244,48 @@ std::unique_ptr<QSTransferInstrument> QSPerUIDEnvironment::makeInstrument(const 
   instrument->setDelegate(this);
   instrument->setDestinationTraits(traits_);
   instrument->setDestinationDevice(destinationDevice_);
-  instrument->setTerminationFlag(&isPipeCancelled_);
+  instrument->setTerminationFlag(&jobCancelled_);
   return instrument;
 }
 
+// Each step tells the client and then records the stage, as the job's
+// stages go; the client is called outside the environment's lock, so a
+// client that calls the engine back (to cancel, say) before it answers
+// never holds up another thread.
 void QSPerUIDEnvironment::runDestinationTallyWithToken(const std::shared_ptr<QSToken>& token) {
-  {
-    std::lock_guard<std::recursive_mutex> lock(lock_);
-    client_->startedDestinationTally_withUID(tally(), uid_);
-    stage_ = kStageDestinationTally;
-  }
-  FSDestinationTraversal traversal(&isPipeCancelled_);
+  client_->startedDestinationTally_withUID(tally(), uid_);
+  setStage(kStageDestinationTally);
+  FSDestinationTraversal traversal(&jobCancelled_);
   traversal.recurseAtDestinationPath_withVisitor(token->destinationPath().value_or(std::string()), *this);
   auto instrument = makeInstrument(token, true);
   if (!host_ || !host_->skipTransfer()) {
-    QSFSDepthFirstTreeTraversal walk(&isPipeCancelled_);
+    QSFSDepthFirstTreeTraversal walk(&jobCancelled_);
     walk.traverseTree_withVisitor(root_, *instrument);
   }
-  std::lock_guard<std::recursive_mutex> lock(lock_);
   client_->finishedDestinationTally_withUID(tally(), uid_);
-  stage_ = kStageDestinationTallyDone;
+  setStage(kStageDestinationTallyDone);
 }
 
 void QSPerUIDEnvironment::runBackupWithToken(const std::shared_ptr<QSToken>& token) {
-  {
-    std::lock_guard<std::recursive_mutex> lock(lock_);
-    client_->startedTransferTally_withUID(tally(), uid_);
-    stage_ = kStageTransfer;
-  }
+  client_->startedTransferTally_withUID(tally(), uid_);
+  setStage(kStageTransfer);
   auto instrument = makeInstrument(token, false);
-  if (!host_ || !host_->skipTransfer()) {
-    QSFSDepthFirstTreeTraversal walk(&isPipeCancelled_);
+  if ((!host_ || !host_->skipTransfer()) && !jobCancelled_.load()) {
+    QSFSDepthFirstTreeTraversal walk(&jobCancelled_);
     walk.traverseTree_withVisitor(root_, *instrument);
     // Copies are not flushed one by one; one sync of the disk makes them durable.
     platform::FileManager::synchronizeFileSystemAtPath(token->destinationPath().value_or(std::string()));
   }
-  std::lock_guard<std::recursive_mutex> lock(lock_);
   client_->finishedTransferTally_withUID(tally(), uid_);
-  stage_ = kStageTransferDone;
+  setStage(kStageTransferDone);
 }
 
 void QSPerUIDEnvironment::transferInstrument_error(QSTransferInstrument& instrument,
                                                    const std::shared_ptr<QSBackupError>& error) {
+  if (report_) report_->failedCopy(*error, QSJobReport::reasonFor(*error, instrument.copyError()));
   const uint64_t limit = userEnvironment_->maximumContiguousErrorsClientWants();
   if (limit != 0 && instrument.contiguousFailedCopyCount() > static_cast<int64_t>(limit)) {
+    if (report_) report_->stoppedAfterFailures(instrument.contiguousFailedCopyCount() + 1, limit);
     cancelPipe();
     client_->stoppedDueToErrorsForBackup(uid_);
     return;
@@ -299,10 +317,11 @@ void QSPerUIDEnvironment::observeValueForKeyPath_ofObject_change_context(const s
                                                                          const platform::KeyValueObservable* object,
                                                                          const platform::KeyValueChangeInfo&, void*) {
   if (keyPath != "client" || object != userEnvironment_.get()) return;
-  std::lock_guard<std::recursive_mutex> lock(lock_);
-  if (stage_ == kStageDestinationTally)
+  // The stage is read under the lock; the client is called after leaving it.
+  const int32_t stage = this->stage();
+  if (stage == kStageDestinationTally)
     client_->computingDestinationTally_withUID(tally(), uid_);
-  else if (stage_ == kStageTransfer)
+  else if (stage == kStageTransfer)
     client_->computingTransferTally_withUID(tally(), uid_);
 }
 

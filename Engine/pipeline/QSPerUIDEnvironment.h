@@ -34,7 +34,9 @@
 #include "Engine/files/FSDepthFirstVisitor.h"
 #include "Engine/files/QSDestinationTraits.h"
 #include "Engine/pipeline/QSAtomicHolders.h"
+#include "Engine/pipeline/QSFSWatcherEvent.h"
 #include "Engine/pipeline/QSIdleWait.h"
+#include "Engine/pipeline/QSJobReport.h"
 #include "Engine/pipeline/QSPipelineHost.h"
 #include "Engine/pipeline/QSToken.h"
 #include "Engine/pipeline/QSTransferInstrumentDelegate.h"
@@ -62,7 +64,7 @@ class QSPerUIDEnvironment : public platform::Object,
   // Empty polls of the event queue before the thread starts to pause between polls.
   static constexpr uint64_t kBusyPolls = 100;
 
-  using FSEvent = std::shared_ptr<platform::Object>;
+  using FSEvent = std::shared_ptr<const QSFSWatcherEvent>;
 
   struct Passkey {
     explicit Passkey() = default;
@@ -82,11 +84,15 @@ class QSPerUIDEnvironment : public platform::Object,
   // Takes the token when none is queued (clearing the pipe's cancellation);
   // otherwise logs "<signature> Unable to enqueue" and drops it.
   bool enqueue(const std::shared_ptr<QSToken>& token);
+  // Stops the running job at its next check (a walk between items, a copy
+  // within one chunk) and empties the queue at once, so the next request is
+  // taken as soon as the job has wound down.  A token whose job had not
+  // begun ends as cancelled here; the running job ends as cancelled itself.
   void cancelPipe();
   // cancelPipe, and ends the thread at its next look at its cancel flag.
   void cancel();
-  // Unless the pipe is cancelled, runs the queued token with this
-  // environment as its object; then empties the queue.
+  // Unless the job was cancelled, runs the job's token with this
+  // environment as its object; then takes it off the queue.
   void dischargePipe();
   std::shared_ptr<QSToken> currentToken() const;
   // The environment's lock (taken after the user environment's, never before).
@@ -110,11 +116,27 @@ class QSPerUIDEnvironment : public platform::Object,
   const std::string& uid() const { return uid_; }
   const std::shared_ptr<QSUserEnvironment>& perUserEnvironment() const { return userEnvironment_; }
 
-  // Real-time events waiting for the thread.
-  void enqueueFSEvent(FSEvent event) {
-    fsEventQueue_.enqueue(std::move(event));
-    idle_.wake();
-  }
+  // Continuous backup (QSPerUIDEnvironmentRealtime.cpp).  An event is
+  // queued when continuous backup is on and it concerns this user's home
+  // folder (fsWatcherEventIsOneWeCareAbout); a change of a file whose copy
+  // is still waiting in the queue merges into that copy.
+  void enqueueFSEvent(FSEvent event);
+  // A rename (type 3, old and new path) or a content change (type 4, one
+  // path) whose path (the new one), normalised, lies in the home folder.
+  bool fsWatcherEventIsOneWeCareAbout(const FSEvent& event) const;
+  // Whether the changed file at `pathSuffix` (its path below the home
+  // folder) is to be copied: this backup's categories, the user's exclusion
+  // filter, the mail database and the black list (QSPathFilter).
+  bool shouldProceedForPathSuffix_withAttributes(const std::string& pathSuffix,
+                                                 const platform::FileAttributes* attributes) const;
+  // Stores the file at `sourcePath` (in the home folder) as its next
+  // version in the backup folder and prunes the oldest; with
+  // `onlyDoARenameOnLastVersion`, renames the newest stored version to the
+  // file's name instead (a rename that changed only letter case).
+  void copyFile_withAttributes_onlyDoARenameOnLastVersion(const std::string& sourcePath,
+                                                          const platform::FileAttributes* attributes,
+                                                          bool onlyDoARenameOnLastVersion);
+  size_t pendingFSEventCount() const { return fsEventQueue_.count(); }
   uint64_t realtimePollCount() const { return realtimePolls_.load(); }
 
   // Judges one failed copy: past the client's limit of failures in a row the
@@ -146,8 +168,7 @@ class QSPerUIDEnvironment : public platform::Object,
   bool stopThread(std::chrono::milliseconds timeout);
 
  protected:
-  // One real-time event taken off the queue.  Real-time copies belong to
-  // the file-system watcher; without it events are taken and let go.
+  // One real-time event taken off the queue, on the environment's thread.
   virtual void processRealtimeEvent(const FSEvent& event);
 
  private:
@@ -156,6 +177,8 @@ class QSPerUIDEnvironment : public platform::Object,
   bool threadCancelled() const;
   void waitForWork();
   std::unique_ptr<class QSTransferInstrument> makeInstrument(const std::shared_ptr<QSToken>& token, bool dryRun);
+  // Makes `token` the running job, unless a cancel took it off the queue.
+  bool beginJob(const std::shared_ptr<QSToken>& token);
   void endJob();
 
   const std::string uid_;
@@ -169,6 +192,12 @@ class QSPerUIDEnvironment : public platform::Object,
   const std::shared_ptr<QSSkerrowClientProxy> client_;
   const QSPipelineHost* host_;
   std::atomic<bool> isPipeCancelled_{false};
+  // The running job, its own termination flag (set by cancelPipe, cleared
+  // only when the next job begins: queueing a token does not clear it) and
+  // its account of failures.
+  std::shared_ptr<QSToken> jobToken_;
+  std::atomic<bool> jobCancelled_{false};
+  std::unique_ptr<QSJobReport> report_;
   int32_t stage_ = kStageFinished;
   atomic<int32_t> versionDepth_;
   atomic<bool> isScheduled_;
@@ -181,12 +210,23 @@ class QSPerUIDEnvironment : public platform::Object,
   QSDestinationTraits traits_;
   std::optional<uint64_t> destinationDevice_;
 
+  // Continuous backup: paths whose content change is queued and not yet
+  // taken (a burst of saves merges into one copy), and the traits of the
+  // destination the last real-time copy went to.
+  std::mutex pendingLock_;
+  std::set<std::string> pendingContentChanges_;
+  std::string realtimeTraitsPath_;
+  QSDestinationTraits realtimeTraits_;
+  const std::string& realtimeHome() const;
+  mutable std::once_flag realtimeHomeOnce_;
+  mutable std::string realtimeHome_;
+
   std::atomic<bool> cancelRequested_{false};
   std::atomic<uint64_t> realtimePolls_{0};
   QSIdleWait idle_;  // woken when a token or an event is queued, or the thread is cancelled
   std::function<void(uint32_t)> sleep_;
   platform::NotificationCenter* center_ = nullptr;
   std::vector<platform::NotificationCenter::ObserverId> observers_;
-  bool observingClient_ = false;
+  std::atomic<bool> observingClient_{false};
   mutable std::recursive_mutex lock_;
 };

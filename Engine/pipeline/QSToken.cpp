@@ -19,6 +19,21 @@ void QSToken::runWithObject(QSUserEnvironment& environment) { runWithEnvironment
 
 void QSToken::runWithObject(QSPerUIDEnvironment& environment) { runWithEnvironment(environment); }
 
+void QSToken::endWithOutcome(const QSBackupOutcome& outcome) {
+  if (tokenDelegate_ && uid()) tokenDelegate_->tokenDidEnd(*this, outcome);
+}
+
+void QSToken::endCancelled() {
+  const auto identifier = uid();
+  if (!identifier) return;
+  QSBackupOutcome outcome;
+  outcome.uid = *identifier;
+  outcome.kind = wantsBackup() ? QSBackupOutcome::Kind::Backup : QSBackupOutcome::Kind::Count;
+  outcome.state = QSBackupOutcome::State::Cancelled;
+  outcome.started = outcome.ended = platform::Date::now();
+  endWithOutcome(outcome);
+}
+
 void QSToken::setContext(std::optional<Categories> categories) {
   std::optional<Categories> old;
   std::lock_guard<std::recursive_mutex> lock(lock_);

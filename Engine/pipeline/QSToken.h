@@ -18,6 +18,7 @@
 
 #include "Engine/pipeline/QSRunnable.h"
 #include "Engine/pipeline/QSTokenDelegate.h"
+#include "Engine/records/QSBackupOutcome.h"
 #include "Engine/records/QSMutableTally.h"
 
 class QSFSMutableNode;
@@ -38,6 +39,11 @@ class QSToken : public QSRunnable {
   // delegate's runPerDestination for that stage.
   void runWithObject(QSUserEnvironment& environment);
   void runWithObject(QSPerUIDEnvironment& environment);
+  // Tells the delegate how the token's journey ended (see QSTokenDelegate).
+  // A token without uid (a count of the home folder alone) reports nothing.
+  void endWithOutcome(const QSBackupOutcome& outcome);
+  // Ends the token as cancelled before any work of its destination began.
+  void endCancelled();
 
   void setDestinationPath_uid(std::optional<std::string> destinationPath, std::optional<std::string> uid);
   std::optional<std::string> destinationPath() const;

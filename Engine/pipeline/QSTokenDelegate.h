@@ -6,6 +6,7 @@
 // thread's current runnable; they must not block on the main thread.
 #pragma once
 
+struct QSBackupOutcome;
 class QSToken;
 class QSUserEnvironment;
 class QSPerUIDEnvironment;
@@ -20,4 +21,10 @@ class QSTokenDelegate {
   // The second stage has finished `token`'s work for its destination, and
   // the job was not cancelled.
   virtual void runPerDestination(QSToken& token, QSPerUIDEnvironment& environment) = 0;
+  // The token's journey has ended, with how it went: its destination's job
+  // completed (cleanly or with failed copies), was cancelled, or was stopped
+  // after too many failures in a row; or the token was dropped by a cancel
+  // before its job began.  It may be called while the canceller holds
+  // pipeline locks: it only hands the outcome on (no client call, no wait).
+  virtual void tokenDidEnd(QSToken& token, const QSBackupOutcome& outcome) = 0;
 };

@@ -51,16 +51,30 @@ void QSUserEnvironment::runCycle() {
     std::lock_guard<std::recursive_mutex> lock(lock_);
     tally_ = QSMutableTally::init();
     root_ = QSFSMutableNode::initWithPath("/");
+    walkCancelled_.store(isPipeCancelled_.load());
+    cancelledTokens_ = walkCancelled_.load() ? queue_.size() : 0;
   }
   runSourceTally();
+  std::vector<std::shared_ptr<QSToken>> dropped;
   {
     std::lock_guard<std::recursive_mutex> lock(lock_);
-    if (!isPipeCancelled_.load()) dispatchQueuedTokens();
-    queue_.clear();
-    queueCount_.store(0);
+    if (walkCancelled_.load()) {
+      // The tree is partial: the tokens the cancel applied to are dropped,
+      // and those queued since wait for a cycle of their own.
+      const auto end = queue_.begin() + static_cast<std::ptrdiff_t>(std::min(cancelledTokens_, queue_.size()));
+      dropped.assign(queue_.begin(), end);
+      queue_.erase(queue_.begin(), end);
+    } else {
+      if (!isPipeCancelled_.load()) dispatchQueuedTokens();
+      queue_.clear();
+    }
+    queueCount_.store(queue_.size());
+    walkCancelled_.store(false);
+    cancelledTokens_ = 0;
     root_.reset();
     tally_.reset();
   }
+  for (const auto& token : dropped) token->endCancelled();
 }
 
 void QSUserEnvironment::dispatchQueuedTokens() {
@@ -112,12 +126,17 @@ void QSUserEnvironment::append(const std::shared_ptr<QSToken>& token) {
 }
 
 void QSUserEnvironment::setClient(std::shared_ptr<QSBackupClientProtocol> client) {
-  std::lock_guard<std::recursive_mutex> lock(lock_);
-  willChangeValueForKey("client");
+  // The client is asked, and the change announced (observers call the new
+  // client), outside the environment's lock: no client is ever called while
+  // a pipeline lock is held.
   const uint64_t limit = client ? client->maximumContiguousErrorsClientWants() : kDefaultErrorLimit;
-  client_->setProxiedObject(std::move(client));
-  clientRegistrationTime_.store(platform::Date::now().timeIntervalSinceReferenceDate());
-  maximumContiguousErrorsClientWants_.store(limit);
+  willChangeValueForKey("client");
+  {
+    std::lock_guard<std::recursive_mutex> lock(lock_);
+    client_->setProxiedObject(std::move(client));
+    clientRegistrationTime_.store(platform::Date::now().timeIntervalSinceReferenceDate());
+    maximumContiguousErrorsClientWants_.store(limit);
+  }
   didChangeValueForKey("client");
 }
 
@@ -155,7 +174,7 @@ void QSUserEnvironment::runSourceTally() {
     tally = tally_;
   }
   client_->startedSourceTally(tally);
-  FSSourceTraversal traversal(&isPipeCancelled_);
+  FSSourceTraversal traversal(&walkCancelled_);
   traversal.recurseAtUserHome_withExclusionPredicate_visitor(homeDir_, exclusionFilter(), *this);
   client_->finishedSourceTally(tally);
 }
@@ -188,22 +207,27 @@ void QSUserEnvironment::getDeepCopyOfSourceTree_copyOfSourceTally(std::shared_pt
 void QSUserEnvironment::cancelPipe() {
   std::lock_guard<std::recursive_mutex> lock(lock_);
   isPipeCancelled_.store(true);
+  walkCancelled_.store(true);
+  cancelledTokens_ = queue_.size();
 }
 
-void QSUserEnvironment::cancelPipeForUID(const std::string& uid) {
+std::shared_ptr<QSToken> QSUserEnvironment::cancelPipeForUID(const std::string& uid) {
   std::lock_guard<std::recursive_mutex> lock(lock_);
   for (auto it = queue_.begin(); it != queue_.end(); ++it) {
     if ((*it)->uid() != uid) continue;
+    auto removed = *it;
     const bool wasOnly = queue_.size() == 1;
     queue_.erase(it);
     queueCount_.store(queue_.size());
     if (wasOnly) cancelPipe();
-    return;
+    return removed;
   }
+  return nullptr;
 }
 
 void QSUserEnvironment::cancel() {
   isPipeCancelled_.store(true);
+  walkCancelled_.store(true);
   isCancelled_.store(true);
 }
 

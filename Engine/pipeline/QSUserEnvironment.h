@@ -11,6 +11,12 @@
 // emptied.  `cancelPipe` stops the walk under way and keeps the cycle from
 // running any token.
 //
+// A walk that was cut short by a cancel never serves a token, not even one
+// queued after the cancel (queueing clears the pipe's cancellation, but the
+// walk's own flag stays set until the cycle ends): such a token waits for a
+// cycle of its own instead of riding on a partial tree, and the tokens that
+// were queued when the cancel came are dropped.
+//
 // The environment is its own lock (a recursive monitor) for the queue, the
 // client, the exclusion filter and the cycle's product; the walk runs
 // outside it, so tokens can be queued during a walk and ride on it.  Lock
@@ -90,8 +96,9 @@ class QSUserEnvironment : public platform::Object,
                                                  std::shared_ptr<QSMutableTally>* tally);
 
   void cancelPipe();
-  // Removes the first queued token of `uid`; when it was the only one, also cancels the pipe.
-  void cancelPipeForUID(const std::string& uid);
+  // Removes the first queued token of `uid`; when it was the only one, also
+  // cancels the pipe.  Answers the removed token, or nothing.
+  std::shared_ptr<QSToken> cancelPipeForUID(const std::string& uid);
   // Ends the thread after the cycle under way.  A thread waiting for work
   // keeps waiting (see stopThread).
   void cancel();
@@ -137,6 +144,11 @@ class QSUserEnvironment : public platform::Object,
   std::shared_ptr<QSMutableTally> tally_;
   double cachedClientRegistrationTime_ = 0;
   std::atomic<bool> isPipeCancelled_{false};
+  // The running walk's termination flag: set by cancelPipe, cleared only
+  // when the next cycle starts (queueing a token does not clear it).
+  std::atomic<bool> walkCancelled_{false};
+  // How many of the queued tokens the last cancel of this cycle applied to.
+  size_t cancelledTokens_ = 0;
   std::atomic<bool> isCancelled_{false};
   std::atomic<bool> stopRequested_{false};
   bool isProductExposed_ = false;

@@ -1,5 +1,6 @@
 #include "Engine/server/QSServerEnvironment.h"
 
+#include "Engine/pipeline/QSFSWatcher.h"
 #include "platform/Process.h"
 #include "platform/UserDatabase.h"
 #include "platform/Workspace.h"
@@ -14,5 +15,6 @@ QSServerEnvironment QSServerEnvironment::current() {
   if (auto root = platform::Process::environmentVariable("SKERROW_ROOT"); root && !root->empty()) env.storeRoot = *root;
   env.runLoop = platform::RunLoop::main();
   env.workspace = &platform::workspaceNotificationCenter();
+  env.watcher = QSFSWatcher::instance();
   return env;
 }

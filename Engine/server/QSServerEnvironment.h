@@ -16,6 +16,7 @@
 #include "platform/UserDatabase.h"
 
 class QSBackupConverterProtocol;
+class QSFSWatcher;
 class QSBackupConverterDelegate;
 
 struct QSServerEnvironment {
@@ -32,6 +33,9 @@ struct QSServerEnvironment {
   ConverterFactory converterFactory;
   // Whether the pipeline stages run their threads (tests drive them by hand).
   bool startPipelineThreads = true;
+  // The continuous-backup watcher: the process's own in current(); tests
+  // give one on a fake source, or none (then nothing is watched).
+  std::shared_ptr<QSFSWatcher> watcher;
   // The clock of the scheduler (the system clock when empty).
   std::function<platform::Date()> clock;
 

@@ -38,6 +38,11 @@ std::shared_ptr<QSBackupEntry> QSSkerrowBackupService::ownEntry(const std::strin
   return entry;
 }
 
+std::optional<QSBackupOutcome> QSSkerrowBackupService::outcomeForBackup(const std::string& uid) const {
+  if (!ownEntry(uid)) return std::nullopt;
+  return server_->outcomeForBackup(uid);
+}
+
 uint32_t QSSkerrowBackupService::versionDepthForBackup(const std::string& uid) const {
   const auto entry = ownEntry(uid);
   return entry ? entry->versionDepth() : 0;
@@ -140,6 +145,7 @@ bool QSSkerrowBackupService::stopManagingBackup(const std::string& uid) {
   const auto entry = ownEntry(uid);
   if (!entry) return false;
   server_->removeBackupEntryForUID(uid);
+  server_->forgetOutcomeForBackup(uid);
   const bool saved = server_->saveBackupDatabase();
   server_->terminateEnvironmentForEntry(entry);
   return saved;

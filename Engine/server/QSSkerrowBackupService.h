@@ -21,6 +21,7 @@
 
 #include "Engine/clients/QSBackupClientProtocol.h"
 #include "Engine/records/QSBackupEntry.h"
+#include "Engine/records/QSBackupOutcome.h"
 #include "Engine/server/TestObject.h"
 #include "platform/Value.h"
 
@@ -88,6 +89,9 @@ class QSSkerrowBackupService {
   // The database's entries of this user, by uid.
   std::map<std::string, std::shared_ptr<QSBackupEntry>> database() const;
   std::shared_ptr<TestObject> heartbeat() const;
+  // How this user's backup `uid` last ended (a backup or a count), or
+  // nothing for an unknown uid, another user's backup, or one never run.
+  std::optional<QSBackupOutcome> outcomeForBackup(const std::string& uid) const;
 
  private:
   // The backup `uid` when it exists and belongs to this user.

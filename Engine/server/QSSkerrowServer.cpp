@@ -1,5 +1,6 @@
 #include "Engine/server/QSSkerrowServer.h"
 
+#include <algorithm>
 #include <mutex>
 
 #include "Engine/files/QSBlackList.h"
@@ -66,6 +67,11 @@ QSSkerrowServer::~QSSkerrowServer() {
 }
 
 bool QSSkerrowServer::stopPipeline(std::chrono::milliseconds timeout) {
+  // No event reaches the stages once they stop.
+  if (watcher_) {
+    watcher_->setDelegate(nullptr);
+    watcher_->stop(std::min(timeout, std::chrono::milliseconds(1000)));
+  }
   // Both stages are told before either is waited for.
   if (firstStage_) firstStage_->stopAll(std::chrono::milliseconds(0));
   if (secondStage_) secondStage_->stopAll(std::chrono::milliseconds(0));
@@ -115,6 +121,7 @@ void QSSkerrowServer::init(const QSServerEnvironment& environment) {
   converterFactory_ = environment.converterFactory;
   clock_ = environment.clock;
   loadBackupDatabase();
+  outcomes_.loadFromFolder(dbDir_);
   firstStage_ = std::make_unique<QSFirstStage>(environment.accounts, environment.startPipelineThreads);
   for (const auto& [userName, expression] : exclusionFilterMap_) {
     try {
@@ -136,8 +143,7 @@ void QSSkerrowServer::init(const QSServerEnvironment& environment) {
         workspace_->addObserver(platform::NSWorkspaceDidUnmountNotification, nullptr, observe));
   }
 
-  if (supportsContinuousBackup())
-    platform::Log::line("Start-up goes on without the continuous-backup watcher, which this build does not have yet");
+  if (supportsContinuousBackup() && environment.watcher) startWatcher(environment.watcher);
 }
 
 void QSSkerrowServer::exit() { platform::Process::terminateImmediately(0); }

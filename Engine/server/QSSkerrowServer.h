@@ -5,9 +5,14 @@
 // starts the repeating scheduling timer on the main loop (60 s, or 10 s
 // with "-noSchedule"), makes the store folder when missing and subscribes
 // to the workspace's mount notices, loads the backup database, creates the
-// two pipeline stages and installs each user's stored exclusion filter.
-// The continuous-backup watcher is not part of this build yet: start-up
-// says so in the log and goes on without it.
+// two pipeline stages and installs each user's stored exclusion filter;
+// unless "-noRealtime" was given, it then becomes the delegate of the
+// continuous-backup watcher, starts it, and has it watch every admitted
+// user's home folder (a user admitted later is watched from then on).
+// Watcher events are handed to the second stage; when the watcher reports
+// that events of a file system were dropped, the next timer tick backs up
+// every scheduled backup whose home folder lies on that file system
+// (QSSkerrowServerRealtime.cpp).
 //
 // The server owns the live table of backups (uid to entry; persistent
 // entries are saved in "backupdb.plist", transient ones live while their
@@ -29,17 +34,22 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "Engine/clients/QSBackupClientProtocol.h"
 #include "Engine/conversion/QSBackupConverter.h"
+#include "Engine/pipeline/QSFSWatcher.h"
+#include "Engine/pipeline/QSFSWatcherDelegate.h"
 #include "Engine/pipeline/QSFirstStage.h"
 #include "Engine/pipeline/QSPipelineHost.h"
 #include "Engine/pipeline/QSSecondStage.h"
 #include "Engine/pipeline/QSTokenDelegate.h"
 #include "Engine/records/QSBackupEntry.h"
+#include "Engine/server/QSOutcomeBook.h"
 #include "Engine/server/QSServerEnvironment.h"
 #include "platform/Date.h"
 #include "platform/NotificationCenter.h"
@@ -50,7 +60,8 @@
 class QSSkerrowServer : public platform::Object,
                         public QSPipelineHost,
                         public QSTokenDelegate,
-                        public QSBackupConverterDelegate {
+                        public QSBackupConverterDelegate,
+                        public QSFSWatcherDelegate {
  public:
   // The single server of the process, made (from the process's own
   // environment) on first use.  Thread-safe.
@@ -84,6 +95,13 @@ class QSSkerrowServer : public platform::Object,
   bool supportsContinuousBackup() const override { return !withoutContinuousBackup_.load(); }
   // One-way from a client: changes the answer of supportsContinuousBackup only.
   void setSupportsContinuousBackup(bool supports) { withoutContinuousBackup_.store(!supports); }
+
+  // The watcher's events (its thread): handed unchanged to the second stage.
+  void handleFSEvent(const std::shared_ptr<const QSFSWatcherEvent>& event) override;
+  // Remembers the file system for a backup of its homes at the next timer tick.
+  void fsWatcherDidDropEventsOnDevice(uint64_t device) override;
+  // The watcher started at start-up, or nothing.
+  const std::shared_ptr<QSFSWatcher>& watcher() const { return watcher_; }
 
   // The scheduling timer's interval, as started.
   double jobSchedulingInterval() const { return timerInterval_; }
@@ -154,6 +172,15 @@ class QSSkerrowServer : public platform::Object,
   // the second a backup's end is recorded on the main thread.
   void runPerDestination(QSToken& token, QSUserEnvironment& environment) override;
   void runPerDestination(QSToken& token, QSPerUIDEnvironment& environment) override;
+  // A token's journey ended: its outcome is recorded on the main thread.
+  void tokenDidEnd(QSToken& token, const QSBackupOutcome& outcome) override;
+  // Keeps `outcome` as its backup's last and logs its summary (main thread).
+  void recordOutcome(const QSBackupOutcome& outcome);
+  // How the backup's last run ended, or nothing (main thread).
+  std::optional<QSBackupOutcome> outcomeForBackup(const std::string& uid) const {
+    return outcomes_.outcomeForUID(uid);
+  }
+  void forgetOutcomeForBackup(const std::string& uid) { outcomes_.forget(uid); }
   void finishBackupOnMainThreadForUID(const std::string& uid);
   // Admits the client's user to the first stage and attaches the client to
   // it at the main loop's next pass; false when the user cannot be served.
@@ -182,6 +209,11 @@ class QSSkerrowServer : public platform::Object,
   bool installExclusionFilter(const std::string& userName, const std::optional<std::string>& expression);
   std::optional<std::string> shortUserNameOf(const Client& client) const;
   void keepUnreadableDatabaseAside();
+  void startWatcher(const std::shared_ptr<QSFSWatcher>& watcher);
+  void watchHomeOfUser(const std::string& userName);
+  // Starts a backup of every scheduled entry whose home lies on a file system
+  // that dropped events since the last tick; answers their uids.
+  std::set<std::string> startBackupsAfterDroppedEvents();
   void removeStaleDatabaseTemporaries();
 
   std::string dbDir_;
@@ -202,6 +234,10 @@ class QSSkerrowServer : public platform::Object,
   std::unique_ptr<QSSecondStage> secondStage_;
   QSServerEnvironment::ConverterFactory converterFactory_;
   std::function<platform::Date()> clock_;
+  std::shared_ptr<QSFSWatcher> watcher_;
+  std::mutex droppedLock_;
+  std::set<uint64_t> droppedDevices_;
   // The database file could not be read at start-up: it is kept aside before the next save.
   bool databaseUnreadable_ = false;
+  QSOutcomeBook outcomes_;
 };

@@ -4,19 +4,22 @@
 // finished backups and each user's exclusion filter.
 #include <mutex>
 
+#include "Engine/pipeline/QSJobReport.h"
 #include "Engine/pipeline/QSToken.h"
 #include "Engine/pipeline/QSUserEnvironment.h"
 #include "Engine/server/QSSkerrowServer.h"
 #include "platform/Exception.h"
+#include "platform/Format.h"
 #include "platform/Log.h"
 #include "platform/RegexPredicate.h"
 
 void QSSkerrowServer::callbackForJobSchedulingTimer() {
   timerTicks_.fetch_add(1);
   const double current = now().timeIntervalSinceReferenceDate();
+  const std::set<std::string> caughtUp = startBackupsAfterDroppedEvents();
   for (const std::string& uid : backupEntryMap_.allKeys()) {
     const auto entry = backupEntryWithUID(uid);
-    if (!entry || !entry->isScheduled()) continue;
+    if (!entry || !entry->isScheduled() || caughtUp.count(uid)) continue;
     if (!followSchedule_) {
       platform::Log::format("Starting UNSCHEDULED backup for %s", uid.c_str());
       startBackup_forClient(uid, nullptr);
@@ -94,10 +97,15 @@ void QSSkerrowServer::cancelPipe_forClient(const std::string& uid, const Client&
   const auto environment = secondStage_->environmentForUID(uid);
   const auto userEnvironment = environment ? environment->perUserEnvironment() : nullptr;
   if (!environment || !userEnvironment) return;
-  std::lock_guard<std::recursive_mutex> userLock(userEnvironment->monitor());
-  std::lock_guard<std::recursive_mutex> uidLock(environment->monitor());
-  userEnvironment->cancelPipeForUID(uid);
-  environment->cancelPipe();
+  std::shared_ptr<QSToken> queued;
+  {
+    std::lock_guard<std::recursive_mutex> userLock(userEnvironment->monitor());
+    std::lock_guard<std::recursive_mutex> uidLock(environment->monitor());
+    queued = userEnvironment->cancelPipeForUID(uid);
+    environment->cancelPipe();
+  }
+  // A request still waiting for its count of the home folder ends here.
+  if (queued) queued->endCancelled();
 }
 
 void QSSkerrowServer::rescheduleBackupsForClient_uid_startImmediately(const Client& client, const std::string& uid,
@@ -146,6 +154,49 @@ void QSSkerrowServer::runPerDestination(QSToken& token, QSPerUIDEnvironment& env
   if (runLoop_) runLoop_->post(std::move(finish));
 }
 
+void QSSkerrowServer::tokenDidEnd(QSToken&, const QSBackupOutcome& outcome) {
+  // Tokens also end while the server tears its stages down.
+  const std::weak_ptr<QSSkerrowServer> weak = weakSelf<QSSkerrowServer>();
+  if (weak.expired()) return;
+  auto record = [weak, outcome] {
+    if (auto server = weak.lock()) server->recordOutcome(outcome);
+  };
+  if (runLoop_) runLoop_->post(std::move(record));
+}
+
+void QSSkerrowServer::recordOutcome(const QSBackupOutcome& outcome) {
+  const QSBackupOutcome& kept = outcomes_.record(outcome);
+  const bool backup = kept.kind == QSBackupOutcome::Kind::Backup;
+  platform::LogPriority priority = platform::LogPriority::Info;
+  std::string how;
+  switch (kept.state) {
+    case QSBackupOutcome::State::Completed: how = "completed"; break;
+    case QSBackupOutcome::State::CompletedWithFailures:
+      how = "completed with failed copies";
+      priority = platform::LogPriority::Warning;
+      break;
+    case QSBackupOutcome::State::Cancelled:
+      how = "was cancelled";
+      priority = platform::LogPriority::Notice;
+      break;
+    case QSBackupOutcome::State::Stopped:
+      how = "was stopped after too many failed copies in a row";
+      priority = platform::LogPriority::Warning;
+      break;
+  }
+  std::string text = platform::format(
+      "%s %s %s: %lld of %lld files copied (%lld of %lld bytes), %lld failed, in %.1f s", backup ? "Backup" : "Count",
+      kept.uid.c_str(), how.c_str(), static_cast<long long>(kept.filesCopied),
+      static_cast<long long>(kept.filesExpected), static_cast<long long>(kept.bytesCopied),
+      static_cast<long long>(kept.bytesExpected), static_cast<long long>(kept.failedFiles),
+      kept.ended.timeIntervalSinceDate(kept.started));
+  if (kept.failedFiles > 0)
+    text += platform::format(" (most often: %s, %lld times)", kept.commonFailure.c_str(),
+                             static_cast<long long>(kept.commonFailureCount));
+  platform::Log::event(priority, text,
+                       {{QSJobReport::kBackupUIDField, kept.uid}, {"SKERROW_OUTCOME", QSBackupOutcome::stateName(kept.state)}});
+}
+
 void QSSkerrowServer::finishBackupOnMainThreadForUID(const std::string& uid) {
   const auto entry = backupEntryWithUID(uid);
   if (!entry) return;
@@ -156,7 +207,10 @@ void QSSkerrowServer::finishBackupOnMainThreadForUID(const std::string& uid) {
 bool QSSkerrowServer::backupServiceForClient(const Client& client) {
   if (!client) return false;
   const std::string userName = client->shortUserName();
-  if (!firstStage_->managesUserName(userName) && !firstStage_->addNewUser(userName)) return false;
+  if (!firstStage_->managesUserName(userName)) {
+    if (!firstStage_->addNewUser(userName)) return false;
+    watchHomeOfUser(userName);
+  }
   const std::weak_ptr<QSSkerrowServer> weak = self<QSSkerrowServer>();
   auto attach = [weak, client, userName] {
     if (auto server = weak.lock()) server->firstStage_->setClient_forUser(client, userName);

@@ -188,6 +188,15 @@ class TokenDelegate : public QSTokenDelegate {
   void runPerDestination(QSToken&, QSPerUIDEnvironment& environment) override {
     dispatch(environment.self<QSPerUIDEnvironment>());
   }
+  void tokenDidEnd(QSToken&, const QSBackupOutcome& outcome) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    outcomes_.push_back(outcome);
+  }
+  // How the tokens' journeys ended, in order.
+  std::vector<QSBackupOutcome> outcomes() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return outcomes_;
+  }
 
   // Records the run of the thread's current token (found as the stages'
   // delegate finds it) with the environment that ran it.
@@ -229,6 +238,7 @@ class TokenDelegate : public QSTokenDelegate {
  private:
   mutable std::mutex mutex_;
   std::vector<Run> runs_;
+  std::vector<QSBackupOutcome> outcomes_;
 };
 
 // The engine-wide switches that stages ask about.
@@ -278,6 +288,7 @@ inline std::shared_ptr<QSFSMutableNode> mergedTreeOf(const std::string& home, co
   auto token = QSToken::initWithDelegate(nullptr);
   token->setDestinationPath_uid(destination, "U");
   token->setTree_tally(tree, QSMutableTally::init());
+  environment->enqueue(token);
   environment->runJobWithToken(token);
   return tree;
 }

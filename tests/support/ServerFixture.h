@@ -43,6 +43,7 @@ struct ServerOptions {
   bool withConverters = true;
   std::vector<std::string> arguments = {"-noRealtime"};
   bool threads = false;
+  std::shared_ptr<QSFSWatcher> watcher;  // the continuous-backup watcher, when wanted
 
   static ServerOptions atRoot(std::string root) {
     ServerOptions options;
@@ -74,6 +75,7 @@ class ServerFixture {
     env.accounts = accounts.get();
     env.startPipelineThreads = options.threads;
     env.clock = [this] { return clock; };
+    env.watcher = options.watcher;
     if (options.withConverters) {
       env.converterFactory = [this](const std::string& mountPath, QSBackupConverterDelegate*) {
         auto converter = std::make_shared<RecordingConverter>(mountPath);

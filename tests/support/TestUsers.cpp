@@ -110,6 +110,11 @@ TestUsers::TestUsers() {
 TestUsers::~TestUsers() { cleanUp(); }
 
 const TestUser& TestUsers::addUser(const std::string& name, uid_t uid, gid_t gid, const std::string& fullName) {
+  return addUserWithHome(name, uid, gid, fullName, folder_ + "/home/" + name);
+}
+
+const TestUser& TestUsers::addUserWithHome(const std::string& name, uid_t uid, gid_t gid, const std::string& fullName,
+                                           const std::string& home) {
   if (name.empty() || name.find('/') != std::string::npos) throw std::invalid_argument("bad user name: " + name);
   checkField("a user name", name);
   checkField("a full name", fullName);
@@ -122,7 +127,6 @@ const TestUser& TestUsers::addUser(const std::string& name, uid_t uid, gid_t gid
     throw std::invalid_argument("group name taken: " + name);
   }
 
-  const std::string home = folder_ + "/home/" + name;
   if (::mkdir(home.c_str(), 0755) != 0) throw std::runtime_error(errnoText("mkdir " + home, errno));
   // mkdir applies the umask; the mode is part of what the test relies on.
   if (::chown(home.c_str(), uid, gid) != 0 || ::chmod(home.c_str(), 0755) != 0) {

@@ -58,6 +58,9 @@ class TestUsers {
   // the name or uid is taken (root and nobody are always there), and
   // std::runtime_error when the home cannot be made.
   const TestUser& addUser(const std::string& name, uid_t uid, gid_t gid, const std::string& fullName = {});
+  // The same with the home folder at `home` (made there; its parent must exist).
+  const TestUser& addUserWithHome(const std::string& name, uid_t uid, gid_t gid, const std::string& fullName,
+                                  const std::string& home);
   // Adds `member` (an existing user) to the supplementary group `gid`,
   // creating it with `groupName` when there is none with that gid.
   void addToGroup(const std::string& member, gid_t gid, const std::string& groupName);

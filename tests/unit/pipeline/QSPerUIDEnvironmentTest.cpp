@@ -207,7 +207,11 @@ TEST_F(QSPerUIDEnvironmentTest, AnEventStartsANewRunOfPollsWithoutPause) {
   host.continuous = true;
   QSPerUIDEnvironment* const env = environment.get();
   const Sleeps sleeps = firstThreeSleeps([env](size_t sleeps) {
-    if (sleeps == 1) env->enqueueFSEvent(std::make_shared<platform::Object>());
+    if (sleeps == 1) {
+      auto event = QSFSWatcherEvent::initWithType(FSE_CONTENT_MODIFIED);
+      event->addArgument(env->perUserEnvironment()->userHome() + "/a.txt");
+      env->enqueueFSEvent(event);
+    }
   });
   // Poll 102 takes the event; 100 empty polls follow before the next pause.
   EXPECT_EQ(sleeps, (Sleeps{{101, 100000}, {203, 100000}, {204, 100000}}));

@@ -26,6 +26,8 @@ class Delegate : public QSTokenDelegate {
     ++destinationCalls;
     current = QSRunnable::currentRunnable();
   }
+  std::vector<QSBackupOutcome> outcomes;
+  void tokenDidEnd(QSToken&, const QSBackupOutcome& outcome) override { outcomes.push_back(outcome); }
 };
 }  // namespace
 
@@ -114,4 +116,28 @@ TEST(QSTokenTest, LockedAccessorsFromManyThreads) {
     });
   for (auto& th : threads) th.join();
   EXPECT_TRUE(t->wantsDestinationTally());
+}
+
+TEST(QSTokenTest, ACancelledTokenWithAUidEndsAsACancelledOutcomeOfItsKind) {
+  Delegate d;
+  auto backup = QSToken::initWithDelegate(&d);
+  backup->setDestinationPath_uid("/media/disk/qs skerrow.skstor/U", "U");
+  backup->setWantsBackup(true);
+  backup->endCancelled();
+  auto count = QSToken::initWithDelegate(&d);
+  count->setDestinationPath_uid("/media/disk/qs skerrow.skstor/V", "V");
+  count->endCancelled();
+  ASSERT_EQ(d.outcomes.size(), 2u);
+  EXPECT_EQ(d.outcomes[0].uid, "U");
+  EXPECT_EQ(d.outcomes[0].kind, QSBackupOutcome::Kind::Backup);
+  EXPECT_EQ(d.outcomes[0].state, QSBackupOutcome::State::Cancelled);
+  EXPECT_EQ(d.outcomes[1].uid, "V");
+  EXPECT_EQ(d.outcomes[1].kind, QSBackupOutcome::Kind::Count);
+}
+
+TEST(QSTokenTest, ACountOfTheHomeFolderAloneReportsNoOutcome) {
+  Delegate d;
+  auto home = QSToken::initWithDelegate(&d);
+  home->endCancelled();
+  EXPECT_TRUE(d.outcomes.empty());
 }

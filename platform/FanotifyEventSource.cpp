@@ -1,0 +1,394 @@
+#include "platform/FanotifyEventSource.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/fanotify.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <string_view>
+#include <thread>
+
+namespace platform {
+
+namespace {
+
+// What every mark reports.  Folders are included (FAN_ONDIR) so that a
+// folder's rename is seen: it changes the paths of everything below it.
+constexpr uint64_t kMarkMask = FAN_CREATE | FAN_DELETE | FAN_ATTRIB | FAN_CLOSE_WRITE | FAN_RENAME | FAN_ONDIR;
+constexpr size_t kReadBytes = 131072;
+// How long the reader lets events gather after the first one arrives (the
+// kernel queues 16,384 events: far more than a busy file system makes in it).
+constexpr std::chrono::milliseconds kBurstWait{2};
+
+std::string errnoText(int error) { return std::strerror(error); }
+
+// Handles are looked up by their bytes without making a string per event.
+struct KeyHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view key) const { return std::hash<std::string_view>()(key); }
+};
+struct KeyEqual {
+  using is_transparent = void;
+  bool operator()(std::string_view a, std::string_view b) const { return a == b; }
+};
+
+// One directory-handle record of an event, as it lies in the read buffer.
+struct HandleRecord {
+  bool present = false;
+  std::string_view key;   // handle type and handle bytes
+  const char* handle = nullptr;  // the struct file_handle in the buffer
+  size_t handleLength = 0;       // its whole length
+  std::string_view name;  // empty for a record without a name
+};
+
+// Reads one fid record ([header][fsid][file_handle][name\0]); false when it is malformed.
+bool parseHandleRecord(const char* record, size_t length, bool withName, HandleRecord* out) {
+  const size_t fixed = sizeof(fanotify_event_info_header) + sizeof(__kernel_fsid_t);
+  if (length < fixed + sizeof(file_handle)) return false;
+  const char* handle = record + fixed;
+  uint32_t handleBytes;
+  std::memcpy(&handleBytes, handle, sizeof handleBytes);
+  const size_t handleLength = sizeof(file_handle) + handleBytes;
+  if (handleBytes > MAX_HANDLE_SZ || fixed + handleLength > length) return false;
+  out->present = true;
+  out->handle = handle;
+  out->handleLength = handleLength;
+  out->key = std::string_view(handle + sizeof(uint32_t), handleLength - sizeof(uint32_t));
+  if (withName) {
+    const char* name = handle + handleLength;
+    const size_t room = length - fixed - handleLength;
+    const size_t nameLength = strnlen(name, room);
+    if (nameLength == room || nameLength == 0) return false;  // no terminator, or no name
+    out->name = std::string_view(name, nameLength);
+  }
+  return true;
+}
+
+// An event about a folder itself names it "." in the folder's own record.
+std::string joinPath(const std::string& folder, std::string_view name) {
+  std::string path = folder;
+  if (name.empty() || name == ".") return path;
+  if (path.empty() || path.back() != '/') path.push_back('/');
+  path.append(name);
+  return path;
+}
+
+}  // namespace
+
+struct FanotifyEventSource::Group {
+  FileDescriptor fanotify;
+  FileDescriptor mount;  // any descriptor on the file system's mount, for open_by_handle_at
+  uint64_t device = 0;
+  std::vector<std::string> subtrees;
+  std::unordered_map<std::string, Folder, KeyHash, KeyEqual> folders;
+};
+
+FanotifyEventSource::FanotifyEventSource() : FanotifyEventSource(Options()) {}
+
+FanotifyEventSource::FanotifyEventSource(Options options) : options_(options), ownProcess_(::getpid()) {}
+
+FanotifyEventSource::~FanotifyEventSource() = default;
+
+namespace {
+
+int newGroup() {
+  return ::fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK | FAN_REPORT_DFID_NAME,
+                         O_RDONLY | O_LARGEFILE | O_CLOEXEC);
+}
+
+}  // namespace
+
+bool FanotifyEventSource::open(std::string* error) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (wake_) return true;
+  FileDescriptor group(newGroup());
+  if (!group) {
+    if (error) *error = errnoText(errno);
+    return false;
+  }
+  FileDescriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!wake) {
+    if (error) *error = errnoText(errno);
+    return false;
+  }
+  spareNumber_ = group.get();
+  spare_ = std::move(group);
+  wake_ = std::move(wake);
+  buffer_.resize(kReadBytes);
+  return true;
+}
+
+int FanotifyEventSource::descriptor() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return spareNumber_;
+}
+
+uint64_t FanotifyEventSource::folderLookups() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return folderLookups_;
+}
+
+bool FanotifyEventSource::watchFolder(const std::string& folder, std::string* why) {
+  char resolved[PATH_MAX];
+  if (!::realpath(folder.c_str(), resolved)) {
+    if (why) *why = errnoText(errno);
+    return false;
+  }
+  struct stat st {};
+  if (::stat(resolved, &st) != 0 || !S_ISDIR(st.st_mode)) {
+    if (why) *why = S_ISDIR(st.st_mode) ? errnoText(errno) : "not a folder";
+    return false;
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!wake_ || closed_) {
+    if (why) *why = "the event source is not open";
+    return false;
+  }
+  for (auto& group : groups_) {
+    if (group->device != static_cast<uint64_t>(st.st_dev)) continue;
+    group->subtrees.push_back(resolved);
+    group->folders.clear();  // verdicts made before may change
+    return true;
+  }
+  FileDescriptor fanotify = spare_ ? std::move(spare_) : FileDescriptor(newGroup());
+  if (!fanotify) {
+    if (why) *why = errnoText(errno);
+    return false;
+  }
+  if (::fanotify_mark(fanotify.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, kMarkMask, AT_FDCWD, resolved) != 0) {
+    const int error = errno;
+    if (why) *why = "fanotify cannot mark its file system: " + errnoText(error);
+    // The group is unmarked and can serve the next file system.
+    if (!spare_) spare_ = std::move(fanotify);
+    return false;
+  }
+  FileDescriptor mount(::open(resolved, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!mount) {
+    if (why) *why = errnoText(errno);
+    return false;  // the mark goes with the group's descriptor
+  }
+  auto group = std::make_unique<Group>();
+  group->fanotify = std::move(fanotify);
+  group->mount = std::move(mount);
+  group->device = st.st_dev;
+  group->subtrees.push_back(resolved);
+  groups_.push_back(std::move(group));
+  wakeReader();  // the reader waits on the groups it knew
+  return true;
+}
+
+void FanotifyEventSource::wakeReader() {
+  const uint64_t one = 1;
+  if (wake_) [[maybe_unused]] const ssize_t n = ::write(wake_.get(), &one, sizeof one);
+}
+
+void FanotifyEventSource::close() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  closed_ = true;
+  wakeReader();
+}
+
+bool FanotifyEventSource::readEvents(std::vector<FileSystemEvent>* events) {
+  const size_t before = events->size();
+  while (events->size() == before) {
+    std::vector<pollfd> fds;
+    std::vector<Group*> polled;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (closed_ || !wake_) return false;
+      fds.push_back({wake_.get(), POLLIN, 0});
+      for (auto& group : groups_) {
+        fds.push_back({group->fanotify.get(), POLLIN, 0});
+        polled.push_back(group.get());
+      }
+    }
+    if (::poll(fds.data(), fds.size(), -1) < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    // Events come in bursts (a save is several events, a build thousands a
+    // second): waiting a moment after the first lets one read take the
+    // burst, instead of waking the reader and reading once per event.
+    if (std::any_of(fds.begin() + 1, fds.end(), [](const pollfd& p) { return p.revents & POLLIN; }))
+      std::this_thread::sleep_for(kBurstWait);
+    if (fds[0].revents) {
+      uint64_t count;
+      [[maybe_unused]] const ssize_t n = ::read(fds[0].fd, &count, sizeof count);
+    }
+    for (size_t i = 0; i < polled.size(); ++i) {
+      if (!(fds[i + 1].revents & POLLIN)) continue;
+      // Everything queued now, in buffers of kReadBytes.
+      for (;;) {
+        const ssize_t n = ::read(fds[i + 1].fd, buffer_.data(), buffer_.size());
+        if (n <= 0) break;
+        std::lock_guard<std::mutex> lock(mutex_);
+        decode(*polled[i], buffer_.data(), static_cast<size_t>(n), events);
+        if (static_cast<size_t>(n) < buffer_.size() / 2) break;
+      }
+    }
+  }
+  return true;
+}
+
+std::vector<FileSystemEvent> FanotifyEventSource::decodeRecords(const char* buffer, size_t length, uint64_t device) {
+  FanotifyEventSource source(Options{.ignoreOwnProcess = false});
+  Group group;  // no mount: every folder is unknown, and so outside
+  group.device = device;
+  std::vector<FileSystemEvent> events;
+  std::lock_guard<std::mutex> lock(source.mutex_);
+  source.decode(group, buffer, length, &events);
+  return events;
+}
+
+bool FanotifyEventSource::isInside(const Group& group, const std::string& path) const {
+  for (const std::string& subtree : group.subtrees) {
+    if (path.size() < subtree.size() || path.compare(0, subtree.size(), subtree) != 0) continue;
+    if (path.size() == subtree.size() || subtree == "/" || path[subtree.size()] == '/') return true;
+  }
+  return false;
+}
+
+const FanotifyEventSource::Folder* FanotifyEventSource::folderFor(Group& group, const std::string& key,
+                                                                  const void* handle) {
+  if (const auto it = group.folders.find(std::string_view(key)); it != group.folders.end()) return &it->second;
+  if (group.folders.size() >= options_.folderCacheLimit) group.folders.clear();
+  ++folderLookups_;
+  Folder folder;
+  FileDescriptor fd(::open_by_handle_at(group.mount.get(), static_cast<file_handle*>(const_cast<void*>(handle)),
+                                        O_PATH | O_CLOEXEC));
+  if (fd) {
+    char link[64];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd.get());
+    char path[PATH_MAX];
+    const ssize_t n = ::readlink(link, path, sizeof path - 1);
+    if (n > 0) {
+      folder.path.assign(path, static_cast<size_t>(n));
+      static constexpr std::string_view kDeleted = " (deleted)";
+      const bool deleted = folder.path.size() > kDeleted.size() &&
+                           std::string_view(folder.path).substr(folder.path.size() - kDeleted.size()) == kDeleted;
+      folder.known = !deleted && folder.path.front() == '/';
+      folder.inside = folder.known && isInside(group, folder.path);
+    }
+  } else if (errno != ESTALE) {
+    // Perhaps only for now (no memory, too many files): not remembered.
+    unknown_ = Folder();
+    return &unknown_;
+  }
+  return &group.folders.emplace(key, std::move(folder)).first->second;
+}
+
+void FanotifyEventSource::decode(Group& group, const char* buffer, size_t length,
+                                 std::vector<FileSystemEvent>* events) {
+  constexpr uint64_t kKnown = kMarkMask;
+  size_t offset = 0;
+  std::string key;
+  // Handles are copied into aligned storage before the kernel is given them.
+  alignas(file_handle) char handleCopy[sizeof(file_handle) + MAX_HANDLE_SZ];
+  auto undecodable = [&](int64_t raw) {
+    FileSystemEvent event;
+    event.kind = FileSystemEvent::Kind::Undecodable;
+    event.rawType = raw;
+    event.device = group.device;
+    events->push_back(std::move(event));
+  };
+  while (offset + sizeof(fanotify_event_metadata) <= length) {
+    fanotify_event_metadata meta;
+    std::memcpy(&meta, buffer + offset, sizeof meta);
+    if (meta.event_len < sizeof meta || offset + meta.event_len > length) return;
+    const char* record = buffer + offset;
+    offset += meta.event_len;
+    if (meta.fd >= 0) ::close(meta.fd);
+    if (meta.vers != FANOTIFY_METADATA_VERSION) {
+      undecodable(static_cast<int64_t>(meta.mask));
+      return;
+    }
+    if (meta.mask & FAN_Q_OVERFLOW) {
+      FileSystemEvent event;
+      event.kind = FileSystemEvent::Kind::Dropped;
+      event.device = group.device;
+      events->push_back(std::move(event));
+      continue;
+    }
+    // The engine's own work (its copies, its reads) is never a user's change.
+    if (options_.ignoreOwnProcess && meta.pid == ownProcess_) {
+      if ((meta.mask & FAN_RENAME) && (meta.mask & FAN_ONDIR)) group.folders.clear();
+      continue;
+    }
+    if (meta.mask & ~kKnown) {
+      undecodable(static_cast<int64_t>(meta.mask));
+      return;
+    }
+    HandleRecord plain, from, to;
+    bool bad = false;
+    for (size_t at = meta.metadata_len; at + sizeof(fanotify_event_info_header) <= meta.event_len;) {
+      fanotify_event_info_header header;
+      std::memcpy(&header, record + at, sizeof header);
+      if (header.len < sizeof header || at + header.len > meta.event_len) {
+        bad = true;
+        break;
+      }
+      const char* info = record + at;
+      switch (header.info_type) {
+        case FAN_EVENT_INFO_TYPE_DFID_NAME: bad = !parseHandleRecord(info, header.len, true, &plain); break;
+        case FAN_EVENT_INFO_TYPE_DFID: bad = !parseHandleRecord(info, header.len, false, &plain); break;
+        case FAN_EVENT_INFO_TYPE_OLD_DFID_NAME: bad = !parseHandleRecord(info, header.len, true, &from); break;
+        case FAN_EVENT_INFO_TYPE_NEW_DFID_NAME: bad = !parseHandleRecord(info, header.len, true, &to); break;
+        default: bad = true;
+      }
+      if (bad) break;
+      at += header.len;
+    }
+    const bool rename = meta.mask & FAN_RENAME;
+    if (bad || (rename ? !(from.present && to.present) : !plain.present)) {
+      undecodable(static_cast<int64_t>(meta.mask));
+      return;
+    }
+    auto folderOf = [&](const HandleRecord& r) {
+      std::memcpy(handleCopy, r.handle, r.handleLength);
+      key.assign(r.key);
+      return folderFor(group, key, handleCopy);
+    };
+    if (rename) {
+      const Folder* oldFolder = folderOf(from);
+      const bool oldInside = oldFolder->inside, oldKnown = oldFolder->known;
+      const std::string oldPath = oldKnown ? joinPath(oldFolder->path, from.name) : std::string();
+      const Folder* newFolder = folderOf(to);
+      if ((oldInside || newFolder->inside) && oldKnown && newFolder->known) {
+        FileSystemEvent event;
+        event.kind = FileSystemEvent::Kind::Renamed;
+        event.device = group.device;
+        event.paths = {oldPath, joinPath(newFolder->path, to.name)};
+        events->push_back(std::move(event));
+      }
+      // A folder moved: every path below it changed.
+      if (meta.mask & FAN_ONDIR) group.folders.clear();
+      continue;
+    }
+    const Folder* folder = folderOf(plain);
+    if (!folder->inside) continue;
+    const std::string path = joinPath(folder->path, plain.name);
+    const bool isFolder = meta.mask & FAN_ONDIR;
+    auto add = [&](FileSystemEvent::Kind kind) {
+      FileSystemEvent event;
+      event.kind = kind;
+      event.device = group.device;
+      event.paths = {path};
+      events->push_back(std::move(event));
+    };
+    // A merged event keeps no order of its own: it is told in the order things happen to a file.
+    if (meta.mask & FAN_CREATE) add(isFolder ? FileSystemEvent::Kind::CreatedFolder : FileSystemEvent::Kind::Created);
+    if (meta.mask & FAN_ATTRIB) add(FileSystemEvent::Kind::AttributesChanged);
+    if (meta.mask & FAN_CLOSE_WRITE) add(FileSystemEvent::Kind::ClosedAfterWrite);
+    if (meta.mask & FAN_DELETE) add(FileSystemEvent::Kind::Deleted);
+  }
+}
+
+}  // namespace platform
