@@ -255,7 +255,7 @@ wait_for 10 grep -q "appeared at $disk" "$run/skerrowd.log" || { cat "$run/skerr
 grep "appeared at $disk" "$run/skerrowd.log"
 
 step "skerrowctl manage $disk, backup"
-as_ann manage "$disk" --depth 3 || { cat "$run/skerrowd.log"; fail "manage"; }
+as_ann manage "$disk" --depth 3 --period 86400 || { cat "$run/skerrowd.log"; fail "manage"; }
 as_ann list
 as_ann backup || { tail -n 30 "$run/skerrowd.log"; fail "the first backup did not complete"; }
 backup_dir=$(find "$disk/qs skerrow.skstor" -mindepth 1 -maxdepth 1 -type d | head -n1)
@@ -286,7 +286,19 @@ as_ann restore Documents/report.txt --version 0 --to "$home/first-draft.txt"
 [ "$(cat "$home/first-draft.txt")" = "The first draft." ] || fail "the restored first draft"
 echo "restored: $(cat "$home/first-draft.txt")"
 
-step "fanotify filesystem marks and file handles under the same confinement"
+step "Continuous backup under the confinement: a saved file is stored without asking"
+# Scheduled again (not due before tomorrow), so only the engine's fanotify
+# watch of the home's file system can store the next draft.
+as_ann activate
+echo "The third draft." >"$home/Documents/report.txt"
+chown 4343:4343 "$home/Documents/report.txt"
+wait_for 30 test -f "$backup_dir/Documents/report@2.txt" ||
+  { tail -n 30 "$run/skerrowd.log"; fail "the saved file was not stored by continuous backup"; }
+[ "$(cat "$backup_dir/Documents/report@2.txt")" = "The third draft." ] || fail "report@2.txt holds $(cat "$backup_dir/Documents/report@2.txt")"
+grep -m1 "++++++ did backup: " "$run/skerrowd.log" || fail "the engine's log does not show a real-time copy"
+echo "stored by continuous backup: Documents/report@2.txt"
+
+step "fanotify filesystem marks and file handles under the same confinement (a probe)"
 cc -O2 -Wall -o "$run/fanotify_probe" tests/tools/fanotify_probe.c
 # On /mnt, one of the unit's writable places: the probe writes a file to see its event.
 scripts/confine/run-confined.sh "$unit" "$run/fanotify_probe" /mnt 2>"$run/probe.err" ||
