@@ -313,6 +313,39 @@ tail -n 2 "$run/skerrowd.log"
 [ -f "$store/backupdb.plist" ] || fail "no $store/backupdb.plist"
 stop_bus
 
+step "Each capability of the bounding set is needed"
+# The engine, or the probe, with one capability less must do visibly worse;
+# a capability nothing misses would not belong in the unit.
+start_bus system
+without() { sed "s/ $1\b//" "$unit" >"$run/without.service"; }
+for cap in CAP_CHOWN CAP_FOWNER CAP_FSETID CAP_DAC_OVERRIDE; do
+  without "$cap"
+  scripts/confine/run-confined.sh "$run/without.service" /usr/bin/env "${nss_env[@]}" SKERROW_LOG_STDERR=1 \
+    /usr/sbin/skerrowd -noRealtime 2>"$run/without.log" &
+  engine_pid=$!
+  wait_for 30 as_ann heartbeat || { cat "$run/without.log"; fail "the engine without $cap does not answer"; }
+  uid=$(as_ann --json manage "$disk" --depth 1 --period 86400 | grep -o '"uid":"[0-9A-F-]*"' | head -n1 | cut -d'"' -f4)
+  [ -n "$uid" ] || fail "manage without $cap"
+  as_ann backup "$uid" >/dev/null 2>&1 && status=0 || status=$?
+  copy="$disk/qs skerrow.skstor/$uid"
+  seen="backup exit status $status"
+  [ -e "$copy/Documents/shared" ] && seen+=", Documents/shared $(stat -c '%u:%g %a' "$copy/Documents/shared")"
+  [ -e "$copy/Documents/report@0.txt" ] && seen+=", report $(stat -c '%u:%g %a' "$copy/Documents/report@0.txt")"
+  echo "without $cap: $seen"
+  [ "$seen" != "backup exit status 0, Documents/shared 4343:4343 2750, report 4343:4343 600" ] ||
+    fail "the engine does as well without $cap"
+  as_ann forget "$uid" >/dev/null
+  kill -TERM "$engine_pid"; wait "$engine_pid" || true; engine_pid=""
+done
+stop_bus
+for cap in CAP_SYS_ADMIN CAP_DAC_READ_SEARCH; do
+  without "$cap"
+  if scripts/confine/run-confined.sh "$run/without.service" "$run/fanotify_probe" /mnt 2>"$run/probe.err" >/dev/null; then
+    fail "fanotify works without $cap"
+  fi
+  echo "without $cap: $(grep '^fanotify_probe:' "$run/probe.err")"
+done
+
 step "D-Bus activation: the user's first call starts /usr/sbin/skerrowd"
 # A bus that starts services itself (not through the system bus's setuid
 # helper) from the installed activation file.
