@@ -324,17 +324,21 @@ for cap in CAP_CHOWN CAP_FOWNER CAP_FSETID CAP_DAC_OVERRIDE; do
     /usr/sbin/skerrowd -noRealtime 2>"$run/without.log" &
   engine_pid=$!
   wait_for 30 as_ann heartbeat || { cat "$run/without.log"; fail "the engine without $cap does not answer"; }
-  uid=$(as_ann --json manage "$disk" --depth 1 --period 86400 | grep -o '"uid":"[0-9A-F-]*"' | head -n1 | cut -d'"' -f4)
-  [ -n "$uid" ] || fail "manage without $cap"
-  as_ann backup "$uid" >/dev/null 2>&1 && status=0 || status=$?
-  copy="$disk/qs skerrow.skstor/$uid"
-  seen="backup exit status $status"
-  [ -e "$copy/Documents/shared" ] && seen+=", Documents/shared $(stat -c '%u:%g %a' "$copy/Documents/shared")"
-  [ -e "$copy/Documents/report@0.txt" ] && seen+=", report $(stat -c '%u:%g %a' "$copy/Documents/report@0.txt")"
+  managed=$(as_ann --json manage "$disk" --depth 1 --period 86400 2>&1) || true
+  uid=$(grep -o '"uid":"[0-9A-F-]*"' <<<"$managed" | head -n1 | cut -d'"' -f4 || true)
+  if [ -z "$uid" ]; then
+    seen="manage refused: $managed"
+  else
+    as_ann backup "$uid" >/dev/null 2>&1 && status=0 || status=$?
+    copy="$disk/qs skerrow.skstor/$uid"
+    seen="backup exit status $status"
+    [ -e "$copy/Documents/shared" ] && seen+=", Documents/shared $(stat -c '%u:%g %a' "$copy/Documents/shared")"
+    [ -e "$copy/Documents/report@0.txt" ] && seen+=", report $(stat -c '%u:%g %a' "$copy/Documents/report@0.txt")"
+    as_ann forget "$uid" >/dev/null || true
+  fi
   echo "without $cap: $seen"
   [ "$seen" != "backup exit status 0, Documents/shared 4343:4343 2750, report 4343:4343 600" ] ||
     fail "the engine does as well without $cap"
-  as_ann forget "$uid" >/dev/null
   kill -TERM "$engine_pid"; wait "$engine_pid" || true; engine_pid=""
 done
 stop_bus
