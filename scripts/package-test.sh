@@ -317,13 +317,17 @@ step "Each capability of the bounding set is needed"
 # The engine, or the probe, with one capability less must do visibly worse;
 # a capability nothing misses would not belong in the unit.
 start_bus system
-without() { sed "s/ $1\b//" "$unit" >"$run/without.service"; }
+seen_again() { [ "$(grep -c "appeared at $disk" "$run/without.log")" -ge 2 ]; }
+without() { sed -E "/^CapabilityBoundingSet=/ s/(=| )$1\b/\1/" "$unit" >"$run/without.service"; }
 for cap in CAP_CHOWN CAP_FOWNER CAP_FSETID CAP_DAC_OVERRIDE; do
   without "$cap"
   scripts/confine/run-confined.sh "$run/without.service" /usr/bin/env "${nss_env[@]}" SKERROW_LOG_STDERR=1 \
     /usr/sbin/skerrowd -noRealtime 2>"$run/without.log" &
   engine_pid=$!
   wait_for 30 as_ann heartbeat || { cat "$run/without.log"; fail "the engine without $cap does not answer"; }
+  # Plugged in again after the engine started, as the unit's disks are.
+  umount "$disk" && mount "$loop_dev" "$disk"
+  wait_for 10 seen_again || { cat "$run/without.log"; fail "the engine without $cap did not see the disk again"; }
   managed=$(as_ann --json manage "$disk" --depth 1 --period 86400 2>&1) || true
   uid=$(grep -o '"uid":"[0-9A-F-]*"' <<<"$managed" | head -n1 | cut -d'"' -f4 || true)
   if [ -z "$uid" ]; then
