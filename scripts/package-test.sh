@@ -13,8 +13,11 @@
 #     installed policy, confined as its unit says (scripts/confine/); mounts
 #     an ext4 disk image; and, as a fake user (nss_wrapper), backs up with
 #     the installed skerrowctl, changes a file, backs up again, lists the
-#     versions and restores the first; fanotify filesystem marks and file
-#     handles are tried under the same confinement;
+#     versions and restores the first; activates the backup and sees a saved
+#     draft stored by continuous backup; fanotify filesystem marks and file
+#     handles are tried under the same confinement; and each capability of
+#     the bounding set is shown to be needed (without it, the engine or the
+#     fanotify probe does visibly worse);
 #  5. shows D-Bus activation: on a bus that reads the installed activation
 #     file, the user's first skerrowctl call starts /usr/sbin/skerrowd;
 #  6. removes the packages (the edited conffile stays), purges them, and
