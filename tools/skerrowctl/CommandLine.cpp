@@ -84,7 +84,10 @@ std::optional<CommandLine> CommandLine::parse(const std::vector<std::string>& ar
       sub->add_option("arguments", parsed.arguments)->expected(0, static_cast<int>(entry.maxArguments));
   }
 
-  std::vector<std::string> reversed(argv.rbegin(), argv.rend());
+  // "--" ends the options: what follows are arguments of the command, whatever they look like.
+  const auto marker = std::find(argv.begin(), argv.end(), std::string("--"));
+  const std::vector<std::string> literal(marker == argv.end() ? argv.end() : marker + 1, argv.end());
+  std::vector<std::string> reversed(std::make_reverse_iterator(marker), argv.rend());
   try {
     app.parse(reversed);
   } catch (const CLI::ParseError& e) {
@@ -98,6 +101,7 @@ std::optional<CommandLine> CommandLine::parse(const std::vector<std::string>& ar
     if (!parsed.app->parsed()) continue;
     line.command = parsed.entry;
     line.arguments = parsed.arguments;
+    line.arguments.insert(line.arguments.end(), literal.begin(), literal.end());
     for (const auto& option : parsed.entry->valueOptions)
       if (parsed.app->get_option(option)->count() > 0) line.values[option] = parsed.values[option];
     for (const auto& [option, on] : parsed.switches)
