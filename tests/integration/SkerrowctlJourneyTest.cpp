@@ -162,7 +162,8 @@ TEST(SkerrowctlJourneyTest, ProgressEventsArriveDuringACopyOf3000FilesWithRising
   const auto end = eventsNamed(backup.output, "end");
   ASSERT_EQ(end.size(), 1u);
   EXPECT_EQ(end[0]["filesCopied"], end[0]["filesExpected"]);
-  EXPECT_GT(end[0]["filesCopied"].get<int64_t>(), 2900);
+  // Of the 3,000 files, those the black list keeps out (.cache, ...) are not expected.
+  EXPECT_GT(end[0]["filesCopied"].get<int64_t>(), 2000);
 }
 
 TEST(SkerrowctlJourneyTest, TheSummaryCountsEqualTheTallies) {
@@ -217,10 +218,11 @@ TEST(SkerrowctlJourneyTest, ADiskFullRunExitsThreeNamesTheReasonAndIsNotTheLastG
   const json after = j.list();
   ASSERT_EQ(after.size(), 1u);
   EXPECT_EQ(after[0]["lastGoodBackup"], good) << after.dump();
-  EXPECT_NE(after[0]["lastRun"]["state"], "completed") << after.dump();
-  EXPECT_GT(after[0]["lastRun"]["failedFiles"].get<int64_t>(), 0) << after.dump();
+  // The engine's own limit (100 failed copies in a row), asked by default, stopped it.
+  EXPECT_EQ(after[0]["lastRun"]["state"], "stopped") << after.dump();
+  EXPECT_GT(after[0]["lastRun"]["failedFiles"].get<int64_t>(), 100) << after.dump();
   const Ran table = j.run(j.ann, {"list"});
-  EXPECT_NE(table.output.find(" failed"), std::string::npos) << table.output;
+  EXPECT_NE(table.output.find("  stopped\n"), std::string::npos) << table.output;
   // The engine's journal of the backup names the failed copies with its uid.
   EXPECT_TRUE(j.engine->waitForLogLine("Backup " + uid + " could not copy", 1s)) << j.engine->logText();
 }
