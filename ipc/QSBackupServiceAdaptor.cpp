@@ -168,7 +168,12 @@ wire::DatabaseWire QSBackupServiceAdaptor::database() {
 std::vector<wire::OutcomeWire> QSBackupServiceAdaptor::outcomeForBackup(const std::string& uid) {
   return guarded([&] {
     std::vector<wire::OutcomeWire> answer;
-    if (const auto outcome = service_->outcomeForBackup(uid)) answer.push_back(wire::toWireOutcome(*outcome));
+    const auto outcome = service_->outcomeForBackup(uid);
+    if (!outcome) return answer;
+    answer.push_back(wire::toWireOutcome(*outcome));
+    // The last clean backup follows when it is another run.
+    const auto clean = service_->lastCleanBackup(uid);
+    if (clean && clean->sequence != outcome->sequence) answer.push_back(wire::toWireOutcome(*clean));
     return answer;
   });
 }

@@ -43,6 +43,11 @@ std::optional<QSBackupOutcome> QSSkerrowBackupService::outcomeForBackup(const st
   return server_->outcomeForBackup(uid);
 }
 
+std::optional<QSBackupOutcome> QSSkerrowBackupService::lastCleanBackup(const std::string& uid) const {
+  if (!ownEntry(uid)) return std::nullopt;
+  return server_->lastCleanBackupForBackup(uid);
+}
+
 uint32_t QSSkerrowBackupService::versionDepthForBackup(const std::string& uid) const {
   const auto entry = ownEntry(uid);
   return entry ? entry->versionDepth() : 0;

@@ -96,6 +96,9 @@ class QSSkerrowBackupService {
   // How this user's backup `uid` last ended (a backup or a count), or
   // nothing for an unknown uid, another user's backup, or one never run.
   std::optional<QSBackupOutcome> outcomeForBackup(const std::string& uid) const;
+  // The last run of this user's backup `uid` that was a backup completed
+  // without a failed copy, or nothing (as above).
+  std::optional<QSBackupOutcome> lastCleanBackup(const std::string& uid) const;
 
  private:
   // The backup `uid` when it exists and belongs to this user.
