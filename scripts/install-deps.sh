@@ -13,6 +13,7 @@ packages=(
   g++ cmake ninja-build pkgconf
   libplist-dev libicu-dev uuid-dev libsystemd-dev libglib2.0-dev libmount-dev libblkid-dev
   libsdbus-c++-dev libsdbus-c++-bin dbus-daemon libnss-wrapper systemd
+  libcli11-dev nlohmann-json3-dev libfmt-dev libfuse3-dev
   libgtest-dev libbenchmark-dev
   e2fsprogs mount exfatprogs exfat-fuse dosfstools fusefat fuse3
   scdoc zsh

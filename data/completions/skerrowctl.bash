@@ -5,18 +5,20 @@
 # category names and on/off for "set", the uids of your backups (asked of
 # the engine with "skerrowctl list") and paths where a command takes one.
 
-_skerrowctl_commands="list manage adopt forget pause activate backup count cancel set filter heartbeat conversion versions restore"
+_skerrowctl_commands="list manage adopt forget pause activate backup count cancel set filter heartbeat conversion versions restore mount umount agent"
 _skerrowctl_global_options="--json --session --user --max-errors --help --version"
 
 # The options of one command (--help is every command's).
 _skerrowctl_command_options() {
   case "$1" in
-    manage) echo "--depth --period --categories" ;;
+    manage) echo "--keep --depth --period --categories" ;;
     activate) echo "--now" ;;
-    backup | count) echo "--no-follow" ;;
+    backup) echo "--no-follow --tally" ;;
+    count) echo "--no-follow" ;;
     filter) echo "--clear" ;;
     versions) echo "--backup" ;;
-    restore) echo "--version --to --overwrite --backup" ;;
+    restore) echo "--at --version --to --overwrite --backup" ;;
+    mount) echo "--at --backup --foreground" ;;
   esac
   echo "--help"
 }
@@ -62,7 +64,7 @@ _skerrowctl() {
     --to) COMPREPLY=($(compgen -f -- "$cur")); return ;;
     --backup) COMPREPLY=($(compgen -W "$(_skerrowctl_uids "${bus[@]}")" -- "$cur")); return ;;
     --categories) COMPREPLY=($(compgen -W "Pictures Music Movies Mail Documents Other" -- "$cur")); return ;;
-    --depth | --period | --version) return ;;
+    --depth | --keep | --period | --version | --at) return ;;
   esac
   if [[ "$cur" == -* ]]; then
     COMPREPLY=($(compgen -W "$(_skerrowctl_command_options "$command")" -- "$cur"))
@@ -73,7 +75,7 @@ _skerrowctl() {
   local argument=0 j=$((command_at + 1))
   while [ "$j" -lt "$COMP_CWORD" ]; do
     case "${COMP_WORDS[j]}" in
-      --depth | --period | --categories | --version | --to | --backup) j=$((j + 1)) ;;
+      --depth | --keep | --period | --categories | --version | --at | --to | --backup) j=$((j + 1)) ;;
       -*) ;;
       *) argument=$((argument + 1)) ;;
     esac
@@ -81,7 +83,7 @@ _skerrowctl() {
   done
 
   case "$command" in
-    manage | conversion)
+    manage | conversion | mount | umount)
       [ "$argument" -eq 0 ] && COMPREPLY=($(compgen -d -- "$cur")) ;;
     versions | restore)
       [ "$argument" -eq 0 ] && COMPREPLY=($(compgen -f -- "$cur")) ;;
@@ -90,7 +92,7 @@ _skerrowctl() {
     set)
       case "$argument" in
         0) COMPREPLY=($(compgen -W "$(_skerrowctl_uids "${bus[@]}")" -- "$cur")) ;;
-        1) COMPREPLY=($(compgen -W "period depth scheduled category" -- "$cur")) ;;
+        1) COMPREPLY=($(compgen -W "period keep depth scheduled category" -- "$cur")) ;;
         2)
           case "$prev" in
             scheduled) COMPREPLY=($(compgen -W "on off" -- "$cur")) ;;

@@ -98,7 +98,7 @@ TEST(SkerrowctlCompletionTest, BashOffersEachCommandsOwnOptions) {
 
 TEST(SkerrowctlCompletionTest, BashOffersTheSettingsOfSet) {
   EXPECT_EQ(bashCompletes({"skerrowctl", "set", "UID", ""}),
-            (std::set<std::string>{"period", "depth", "scheduled", "category"}));
+            (std::set<std::string>{"period", "keep", "depth", "scheduled", "category"}));
   std::set<std::string> categories(kAllCategories.begin(), kAllCategories.end());
   EXPECT_EQ(bashCompletes({"skerrowctl", "set", "UID", "category", ""}), categories);
   EXPECT_EQ(bashCompletes({"skerrowctl", "set", "UID", "category", "Movies", ""}),
