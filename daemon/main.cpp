@@ -3,6 +3,7 @@
 // Wires the process together: the main run loop, the engine server, its bus
 // connection and the mount notices; then serves until it is told to stop.
 #include <chrono>
+#include <iostream>
 #include <memory>
 #include <string>
 
@@ -20,6 +21,7 @@
 #include "platform/OVThread.h"
 #include "platform/Process.h"
 #include "platform/SdEventRunLoop.h"
+#include "platform/Version.h"
 #include "platform/VolumeService.h"
 #include "platform/Workspace.h"
 
@@ -39,9 +41,21 @@ bool runsAsUserApp() {
   return false;
 }
 
+// "--version" prints the version and starts nothing.
+bool asksForVersion() {
+  const auto arguments = platform::Process::arguments();
+  for (size_t i = 1; i < arguments.size(); ++i)
+    if (arguments[i] == "--version") return true;
+  return false;
+}
+
 }  // namespace
 
 int main() {
+  if (asksForVersion()) {
+    std::cout << "skerrowd " << platform::projectVersion() << "\n";
+    return 0;
+  }
   // The loop comes first: it blocks SIGTERM and SIGINT, which every thread started later inherits.
   platform::OVThread::markCurrentAsMainThread();
   platform::SdEventRunLoop loop(platform::SdEventRunLoop::Options{true});

@@ -6,10 +6,12 @@
 #include "ipc/WireOutcome.h"
 #include "ipc/WireValues.h"
 #include "platform/Exception.h"
+#include "platform/Log.h"
 
 namespace {
 
 constexpr const char* kFailed = "com.qsc.skerrow.Error.Failed";
+constexpr const char* kRefused = "com.qsc.skerrow.Error.Refused";
 
 }  // namespace
 
@@ -132,13 +134,27 @@ bool QSBackupServiceAdaptor::stopManagingBackup(const std::string& uid) {
   return guarded([&] { return service_->stopManagingBackup(uid); });
 }
 
+void QSBackupServiceAdaptor::refuseSystemOrHomeVolume(const std::string& bsdName) {
+  const sdbus::Message* request = getObject().getCurrentlyProcessedMessage();
+  if (request && request->getCredsUid() == 0) return;  // root may
+  if (const auto why = service_->refusalToManageVolumeWithBSDName(bsdName)) {
+    platform::Log::format("Refused to manage %s for %s: %s", bsdName.c_str(), service_->shortUserName().c_str(),
+                          why->c_str());
+    throw sdbus::Error(kRefused, *why);
+  }
+}
+
 std::string QSBackupServiceAdaptor::startManagingVolumeWithBSDName(const std::string& bsdName) {
-  return guarded([&] { return service_->startManagingVolumeWithBSDName(bsdName); });
+  return guarded([&] {
+    refuseSystemOrHomeVolume(bsdName);
+    return service_->startManagingVolumeWithBSDName(bsdName);
+  });
 }
 
 std::tuple<std::string, bool> QSBackupServiceAdaptor::startManagingVolumeWithBSDName_didSucceed(
     const std::string& bsdName) {
   return guarded([&] {
+    refuseSystemOrHomeVolume(bsdName);
     bool didSucceed = false;
     std::string uid = service_->startManagingVolumeWithBSDName_didSucceed(bsdName, &didSucceed);
     return std::tuple<std::string, bool>(std::move(uid), didSucceed);
@@ -152,7 +168,12 @@ wire::DatabaseWire QSBackupServiceAdaptor::database() {
 std::vector<wire::OutcomeWire> QSBackupServiceAdaptor::outcomeForBackup(const std::string& uid) {
   return guarded([&] {
     std::vector<wire::OutcomeWire> answer;
-    if (const auto outcome = service_->outcomeForBackup(uid)) answer.push_back(wire::toWireOutcome(*outcome));
+    const auto outcome = service_->outcomeForBackup(uid);
+    if (!outcome) return answer;
+    answer.push_back(wire::toWireOutcome(*outcome));
+    // The last clean backup follows when it is another run.
+    const auto clean = service_->lastCleanBackup(uid);
+    if (clean && clean->sequence != outcome->sequence) answer.push_back(wire::toWireOutcome(*clean));
     return answer;
   });
 }

@@ -62,6 +62,9 @@ class QSBackupServiceAdaptor
   std::vector<wire::OutcomeWire> outcomeForBackup(const std::string& uid) override;
 
   // Checks the caller, runs `work`, and turns an engine failure into a D-Bus error.
+  // A user other than root may not put a backup on the disk of the system
+  // or of his own home folder: com.qsc.skerrow.Error.Refused saying why.
+  void refuseSystemOrHomeVolume(const std::string& bsdName);
   template <class Work>
   auto guarded(Work&& work) -> decltype(work());
 

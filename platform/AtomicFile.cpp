@@ -68,11 +68,21 @@ bool AtomicFile::write(const std::string& path, const std::string& bytes, mode_t
 }
 
 std::optional<std::string> AtomicFile::read(const std::string& path, size_t maxSize) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  // Non-blocking, so that a FIFO planted where a file is expected is
+  // refused below instead of holding the reader for ever.
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
   if (fd < 0) return std::nullopt;
   struct stat st;
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || static_cast<unsigned long long>(st.st_size) > maxSize) {
+  int refusal = 0;
+  if (::fstat(fd, &st) != 0)
+    refusal = errno;
+  else if (!S_ISREG(st.st_mode))
+    refusal = EINVAL;
+  else if (static_cast<unsigned long long>(st.st_size) > maxSize)
+    refusal = EFBIG;
+  if (refusal != 0) {
     ::close(fd);
+    errno = refusal;
     return std::nullopt;
   }
   std::string out;
@@ -86,7 +96,10 @@ std::optional<std::string> AtomicFile::read(const std::string& path, size_t maxS
         ssize_t more = ::read(fd, &extra, 1);
         if (more < 0 && errno == EINTR) continue;
         ::close(fd);
-        if (more != 0) return std::nullopt;
+        if (more != 0) {
+          errno = EFBIG;
+          return std::nullopt;
+        }
         return out;
       }
       out.resize(std::min(maxSize, out.size() * 2 + 4096));

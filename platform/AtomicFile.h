@@ -18,7 +18,8 @@ class AtomicFile {
   static bool write(const std::string& path, const std::string& bytes, mode_t newFileMode = 0644);
 
   // The whole contents of a regular file, at most `maxSize` bytes; nothing when
-  // missing, not a regular file, larger than `maxSize` or unreadable.
+  // missing, not a regular file, larger than `maxSize` or unreadable (errno
+  // then says which: EFBIG for a file too large, EINVAL for one not regular).
   static std::optional<std::string> read(const std::string& path, size_t maxSize);
 };
 

@@ -63,7 +63,10 @@ bool parseStoredTime(const char* text, size_t length, FileTime* out) {
 // Reads attribute `attribute` of `name` in the folder `dirfd` without
 // following a final symbolic link.  getxattrat (Linux 6.13) does it in one
 // call; older kernels go through the folder's /proc/self/fd entry, which costs
-// about twice as much.
+// about twice as much.  A system-call filter older than getxattrat (systemd's
+// SystemCallFilter= with SystemCallErrorNumber=EPERM, as skerrowd.service
+// has) refuses it with EPERM, which reading an attribute never answers
+// otherwise: that too means "use the /proc way".
 #ifndef __NR_getxattrat
 #define __NR_getxattrat 464  // the same number on every architecture that has it
 #endif
@@ -79,7 +82,7 @@ ssize_t readAttributeAt(int dirfd, const char* name, const char* attribute, char
     XattrArgs args{reinterpret_cast<uintptr_t>(value), static_cast<uint32_t>(size), 0};
     const unsigned flags = AT_SYMLINK_NOFOLLOW | (name[0] == '\0' ? AT_EMPTY_PATH : 0);
     const long n = ::syscall(__NR_getxattrat, dirfd, name, flags, attribute, &args, sizeof args);
-    if (n >= 0 || errno != ENOSYS) return n;
+    if (n >= 0 || (errno != ENOSYS && errno != EPERM)) return n;
     getxattratMissing.store(true, std::memory_order_relaxed);
   }
   std::string path;

@@ -2,11 +2,15 @@
 
 #include <plist/plist.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string_view>
+#include <vector>
 
 #include "platform/AtomicFile.h"
 
@@ -33,6 +37,8 @@ struct MallocDeleter {
 // beyond the 32-bit range); a read date is exact.
 constexpr double kMinDate = -63145526400.0;  // 0000-01-01T00:00:00Z
 constexpr double kMaxDate = 252423993599.0;  // 9999-12-31T23:59:59Z
+// The start of the year 1 reads as the distant past (see paddedXMLDates).
+constexpr double kFirstYearOne = -63113904000.0;  // 0001-01-01T00:00:00Z
 constexpr uint8_t kBinaryDateMarker = 0x33;
 
 uint64_t readBigEndian(const uint8_t* p, size_t n) {
@@ -182,6 +188,7 @@ std::optional<Value> fromNode(plist_t node, unsigned depth) {
     case PLIST_DATE: {
       auto d = readDateNode(node);
       if (!d) return std::nullopt;
+      if (d->timeIntervalSinceReferenceDate() == kFirstYearOne) return Value(Date::distantPast());
       return Value(*d);
     }
     case PLIST_DATA: {
@@ -237,7 +244,10 @@ bool xmlNestingWithinLimit(const char* data, size_t size) {
     const size_t nameRest = closing ? rest - 1 : rest;
     auto is = [&](const char* word) {
       const size_t n = std::strlen(word);
-      return nameRest > n && std::memcmp(name, word, n) == 0 && (name[n] == '>' || name[n] == ' ' || name[n] == '/');
+      // Any XML white space may end the name ("<array\n>" opens an array too).
+      return nameRest > n && std::memcmp(name, word, n) == 0 &&
+             (name[n] == '>' || name[n] == '/' || name[n] == ' ' || name[n] == '\t' || name[n] == '\n' ||
+              name[n] == '\r');
     };
     if (!is("array") && !is("dict")) continue;
     // A self-closing element ("<array/>") opens nothing.
@@ -250,6 +260,129 @@ bool xmlNestingWithinLimit(const char* data, size_t size) {
     if (depth > static_cast<long>(PropertyList::kMaxDepth)) return false;
   }
   return true;
+}
+
+// Nesting depth of a binary list's containers (arrays, sets, dictionaries),
+// followed through the object references without recursion before libplist
+// sees the bytes: libplist's binary reader recurses once per level, so a
+// hostile file of a million nested arrays would exhaust its stack.  A
+// reference cycle counts as too deep.  Each object is examined once (its
+// height is remembered), so shared objects cost nothing extra.  Malformed
+// structure is left to libplist, which rejects it.
+bool binaryNestingWithinLimit(const uint8_t* b, size_t size) {
+  constexpr size_t kHeader = 8, kTrailer = 32;
+  if (size < kHeader + kTrailer) return true;
+  const uint8_t* trailer = b + size - kTrailer;
+  const size_t offsetSize = trailer[6];
+  const size_t refSize = trailer[7];
+  const uint64_t objects = readBigEndian(trailer + 8, 8);
+  const uint64_t top = readBigEndian(trailer + 16, 8);
+  const uint64_t table = readBigEndian(trailer + 24, 8);
+  if (offsetSize == 0 || offsetSize > 8 || refSize == 0 || refSize > 8 || table > size - kTrailer ||
+      objects > (size - kTrailer - table) / offsetSize || top >= objects)
+    return true;
+  // The references held by object `index` (none for a scalar or a malformed object).
+  auto references = [&](uint64_t index, uint64_t* first, uint64_t* count, uint64_t* stride) {
+    *count = 0;
+    const uint64_t offset = readBigEndian(b + table + index * offsetSize, offsetSize);
+    if (offset >= size - kTrailer) return;
+    const uint8_t marker = b[offset];
+    const uint8_t kind = marker >> 4;
+    if (kind != 0xA && kind != 0xC && kind != 0xD) return;  // array, set, dictionary
+    uint64_t n = marker & 0x0F;
+    uint64_t start = offset + 1;
+    if (n == 0x0F) {
+      if (start >= size || (b[start] >> 4) != 0x1) return;
+      const size_t intSize = size_t{1} << (b[start] & 0x3);
+      if (start + 1 + intSize > size) return;
+      n = readBigEndian(b + start + 1, intSize);
+      start += 1 + intSize;
+    }
+    if (kind == 0xD) {
+      // Keys are strings; only the values, which follow the keys, can nest.
+      if (n > (size - start) / refSize / 2) return;
+      start += n * refSize;
+    } else if (n > (size - start) / refSize) {
+      return;
+    }
+    *first = start;
+    *count = n;
+    *stride = refSize;
+  };
+  constexpr uint32_t kUnknown = UINT32_MAX, kOpen = UINT32_MAX - 1;
+  std::vector<uint32_t> height(objects, kUnknown);  // levels below and including the object
+  struct Frame {
+    uint64_t index, next, first, count, stride;
+    uint32_t tallest;
+  };
+  std::vector<Frame> stack;
+  auto open = [&](uint64_t index) -> bool {
+    if (stack.size() >= PropertyList::kMaxDepth + 1) return false;
+    Frame frame{index, 0, 0, 0, 0, 0};
+    references(index, &frame.first, &frame.count, &frame.stride);
+    height[index] = kOpen;
+    stack.push_back(frame);
+    return true;
+  };
+  if (!open(top)) return false;
+  while (!stack.empty()) {
+    Frame& frame = stack.back();
+    if (frame.next == frame.count) {
+      const uint32_t own = frame.count > 0 ? frame.tallest + 1 : 0;
+      height[frame.index] = own;
+      stack.pop_back();
+      if (!stack.empty()) stack.back().tallest = std::max(stack.back().tallest, own);
+      continue;
+    }
+    const uint64_t child = readBigEndian(b + frame.first + frame.next * frame.stride, frame.stride);
+    ++frame.next;
+    if (child >= objects) continue;  // malformed: libplist refuses it
+    if (height[child] == kOpen) return false;  // a cycle
+    if (height[child] != kUnknown) {
+      if (stack.size() + height[child] > PropertyList::kMaxDepth + 1) return false;
+      frame.tallest = std::max(frame.tallest, height[child]);
+      continue;
+    }
+    if (!open(child)) return false;
+  }
+  return true;
+}
+
+// libplist 2.2 writes the year of an XML date without padding ("0-12-30" for
+// the distant past, "812-03-01"), which other property-list readers refuse.
+// Dates are rewritten with four-digit years; a date before the year 1 (the
+// distant past is one) is written as Foundation writes the distant past,
+// "0001-01-01T00:00:00Z", and read back as the distant past.
+constexpr const char* kDistantPastText = "0001-01-01T00:00:00Z";
+
+std::string paddedXMLDates(const char* xml, size_t length) {
+  static constexpr char kOpenTag[] = "<date>";
+  static constexpr char kCloseTag[] = "</date>";
+  std::string out;
+  out.reserve(length + 64);
+  size_t at = 0;
+  const std::string_view text(xml, length);
+  while (true) {
+    const size_t open = text.find(kOpenTag, at);
+    if (open == std::string_view::npos) break;
+    const size_t start = open + sizeof kOpenTag - 1;
+    const size_t close = text.find(kCloseTag, start);
+    if (close == std::string_view::npos) break;
+    out.append(text.substr(at, start - at));
+    const std::string_view date = text.substr(start, close - start);
+    const size_t dash = date.find('-', 1);  // a negative year starts with '-'
+    const bool negative = !date.empty() && date[0] == '-';
+    const std::string_view year = date.substr(0, dash);
+    if (dash == std::string_view::npos || negative || year == "0") {
+      out += kDistantPastText;
+    } else {
+      out.append(year.size() < 4 ? 4 - year.size() : 0, '0');
+      out.append(date);
+    }
+    at = close;
+  }
+  out.append(text.substr(at));
+  return out;
 }
 
 // libplist 2.2 aborts (an assertion) when it reads back a dictionary key
@@ -290,22 +423,40 @@ bool binaryStringsFreeOfNul(const uint8_t* b, size_t size) {
 
 }  // namespace
 
-std::optional<Value> PropertyList::fromBytes(const void* data, size_t size) {
-  if (!data || size == 0 || size > kMaxFileSize) return std::nullopt;
+std::optional<Value> PropertyList::fromBytes(const void* data, size_t size) { return fromBytes(data, size, nullptr); }
+
+std::optional<Value> PropertyList::fromBytes(const void* data, size_t size, std::string* why) {
+  const auto refuse = [why](const char* reason) -> std::optional<Value> {
+    if (why) *why = reason;
+    return std::nullopt;
+  };
+  if (!data || size == 0) return refuse("is empty");
+  if (size > kMaxFileSize) return refuse("is larger than a property list may be (256 MiB)");
   const char* bytes = static_cast<const char*>(data);
   plist_t root = nullptr;
   if (plist_is_binary(bytes, static_cast<uint32_t>(size))) {
-    if (!binaryStringsFreeOfNul(reinterpret_cast<const uint8_t*>(bytes), size)) return std::nullopt;
+    if (!binaryStringsFreeOfNul(reinterpret_cast<const uint8_t*>(bytes), size))
+      return refuse("holds a string with a NUL character");
+    if (!binaryNestingWithinLimit(reinterpret_cast<const uint8_t*>(bytes), size))
+      return refuse("nests arrays or dictionaries deeper than 256 levels");
     plist_from_bin(bytes, static_cast<uint32_t>(size), &root);
   } else {
-    if (!xmlNestingWithinLimit(bytes, size)) return std::nullopt;
+    if (!xmlNestingWithinLimit(bytes, size)) return refuse("nests arrays or dictionaries deeper than 256 levels");
+    // libplist forgives a missing end; a list cut short (a torn write, a
+    // truncated copy) is refused rather than read as whatever it still holds.
+    const std::string_view text(bytes, size);
+    const size_t last = text.find_last_not_of(" \t\r\n");
+    if (last == std::string_view::npos || text.substr(0, last + 1).ends_with("</plist>") == false)
+      return refuse("is cut short (it does not end with </plist>)");
     // The XML parser relies on a terminating NUL beyond the given length.
-    const std::string text(bytes, size);
-    plist_from_xml(text.c_str(), static_cast<uint32_t>(text.size()), &root);
+    const std::string terminated(bytes, size);
+    plist_from_xml(terminated.c_str(), static_cast<uint32_t>(terminated.size()), &root);
   }
   PlistPtr owner(root);
-  if (!root) return std::nullopt;
-  return fromNode(root, 0);
+  if (!root) return refuse("is not a property list");
+  auto value = fromNode(root, 0);
+  if (!value) return refuse("holds values a property list may not");
+  return value;
 }
 
 std::optional<std::string> PropertyList::toBytes(const Value& value, Format format) {
@@ -319,13 +470,19 @@ std::optional<std::string> PropertyList::toBytes(const Value& value, Format form
     plist_to_bin(static_cast<plist_t>(root.get()), &out, &length);
   std::unique_ptr<char, MallocDeleter> owner(out);
   if (!out) return std::nullopt;
+  if (format == Format::XML) return paddedXMLDates(out, length);
   return std::string(out, length);
 }
 
-std::optional<Value> PropertyList::readFile(const std::string& path) {
-  auto bytes = AtomicFile::read(path, kMaxFileSize);
-  if (!bytes) return std::nullopt;
-  return fromBytes(*bytes);
+std::optional<Value> PropertyList::readFile(const std::string& path) { return readFile(path, nullptr); }
+
+std::optional<Value> PropertyList::readFile(const std::string& path, std::string* why) {
+  auto bytes = AtomicFile::read(path, kMaxFileSize + 1);
+  if (!bytes) {
+    if (why) *why = std::string("could not be opened (") + std::strerror(errno) + ")";
+    return std::nullopt;
+  }
+  return fromBytes(bytes->data(), bytes->size(), why);
 }
 
 bool PropertyList::writeFile(const std::string& path, const Value& value, Format format) {

@@ -28,6 +28,9 @@ class PropertyList {
 
   // Parses XML or binary bytes (detected by their header).
   static std::optional<Value> fromBytes(const void* data, size_t size);
+  // The same; when nothing is read, `why` says why, in words that follow a
+  // file's name ("nests arrays or dictionaries deeper than 256 levels").
+  static std::optional<Value> fromBytes(const void* data, size_t size, std::string* why);
   static std::optional<Value> fromBytes(const std::string& bytes) { return fromBytes(bytes.data(), bytes.size()); }
 
   // Serialises a value; nothing only if libplist fails.
@@ -35,6 +38,7 @@ class PropertyList {
 
   // Reads a file; nothing when missing, unreadable or not a property list.
   static std::optional<Value> readFile(const std::string& path);
+  static std::optional<Value> readFile(const std::string& path, std::string* why);
 
   // Writes a file atomically (see AtomicFile); answers whether it worked.
   static bool writeFile(const std::string& path, const Value& value, Format format = Format::XML);

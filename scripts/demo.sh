@@ -10,19 +10,32 @@
 # a loop-mounted image.  Everything is removed at the end, also on failure
 # or Ctrl-C.  Run as root (the engine runs as root; mounting needs it).
 #
-#   scripts/demo.sh [--build-dir DIR] [--keep]
+#   scripts/demo.sh [--build-dir DIR] [--keep] [--shell] [--files N] [--bytes SIZE] [--disk SIZE]
 #     --build-dir DIR   build into DIR (default build/)
 #     --keep            leave the demo folder (disk image, home) for a look
+#     --shell           set everything up, then open a shell as the demo user
+#                       (skerrowctl on its PATH, continuous backup on) to try
+#                       things by hand; leaving the shell cleans up
+#     --files N, --bytes SIZE   the generated home (default 400 files, 24M)
+#     --disk SIZE       the disk image (default 256M)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$(pwd)
 
 build=build
 keep=0
+shell=0
+files=400
+bytes=24M
+disk_size=256M
 while [ $# -gt 0 ]; do
   case "$1" in
     --build-dir) build="$2"; shift 2 ;;
     --keep) keep=1; shift ;;
+    --shell) shell=1; shift ;;
+    --files) files="$2"; shift 2 ;;
+    --bytes) bytes="$2"; shift 2 ;;
+    --disk) disk_size="$2"; shift 2 ;;
     *) echo "unknown option: $1" >&2; exit 2 ;;
   esac
 done
@@ -66,15 +79,15 @@ root:x:0:
 demo:x:4242:
 nogroup:x:65534:
 EOF
-"$make_home" -n 400 -b 24M -s 7 -q "$home"
+"$make_home" -n "$files" -b "$bytes" -s 7 -q "$home"
 mkdir -p "$home/Documents"
 echo "The first draft of the report." >"$home/Documents/report.txt"
 chown -R 4242:4242 "$home"
 nss_env=(LD_PRELOAD="$nss" NSS_WRAPPER_PASSWD="$work/passwd" NSS_WRAPPER_GROUP="$work/group")
 echo "$(find "$home" -type f | wc -l) files, $(du -sh "$home" | cut -f1) in $home"
 
-step "Making a 256 MiB ext4 disk image and mounting it"
-truncate -s 256M "$work/disk.img"
+step "Making a $disk_size ext4 disk image and mounting it"
+truncate -s "$disk_size" "$work/disk.img"
 mkfs.ext4 -q -L SkerrowDemo "$work/disk.img"
 loop_dev=$(losetup -f --show "$work/disk.img")
 mkdir -p "$work/disk"
@@ -112,11 +125,21 @@ bus_pid=$!
 export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$work/bus.socket"
 for _ in $(seq 100); do [ -S "$work/bus.socket" ] && break; sleep 0.05; done
 mkdir -p "$work/root"
-env "${nss_env[@]}" SKERROW_ROOT="$work/root" SKERROW_LOG_STDERR=1 "$bin/skerrowd" -noRealtime 2>"$work/skerrowd.log" &
+realtime=(-noRealtime)
+[ "$shell" = 1 ] && realtime=()
+env "${nss_env[@]}" SKERROW_ROOT="$work/root" SKERROW_LOG_STDERR=1 "$bin/skerrowd" "${realtime[@]}" 2>"$work/skerrowd.log" &
 engine_pid=$!
 as_demo() { setpriv --reuid=4242 --regid=4242 --clear-groups env "${nss_env[@]}" HOME="$home" "$bin/skerrowctl" "$@"; }
 for _ in $(seq 100); do as_demo heartbeat >/dev/null 2>&1 && break; sleep 0.1; done
 as_demo heartbeat
+
+if [ "$shell" = 1 ]; then
+  step "A shell as the demo user: try skerrowctl (manage $work/disk, backup, list, ...); exit to clean up"
+  echo "The engine's log: $work/skerrowd.log"
+  setpriv --reuid=4242 --regid=4242 --clear-groups env "${nss_env[@]}" HOME="$home" \
+    PATH="$bin:$PATH" DBUS_SYSTEM_BUS_ADDRESS="$DBUS_SYSTEM_BUS_ADDRESS" PS1='demo$ ' bash --norc -i || true
+  exit 0
+fi
 
 step "skerrowctl manage $work/disk --depth 5"
 as_demo manage "$work/disk" --depth 5

@@ -5,18 +5,23 @@
 #
 #   scripts/install-deps.sh            build and test dependencies
 #   scripts/install-deps.sh --fuzz     also clang and its fuzzing runtime
+#   scripts/install-deps.sh --package  also what building, checking and trying
+#                                      the Debian packages needs (scripts/package-test.sh)
 set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkgconf
   libplist-dev libicu-dev uuid-dev libsystemd-dev libglib2.0-dev libmount-dev libblkid-dev
   libsdbus-c++-dev libsdbus-c++-bin dbus-daemon libnss-wrapper systemd
+  libcli11-dev nlohmann-json3-dev libfmt-dev libfuse3-dev
   libgtest-dev libbenchmark-dev
   e2fsprogs mount exfatprogs exfat-fuse dosfstools fusefat fuse3
+  scdoc zsh
 )
 for arg in "$@"; do
   case "$arg" in
     --fuzz) packages+=(clang libclang-rt-14-dev) ;;
+    --package) packages+=(dpkg-dev debhelper fakeroot lintian ccache git man-db util-linux python3-seccomp gcc) ;;
     *) echo "unknown option: $arg" >&2; exit 2 ;;
   esac
 done

@@ -10,6 +10,7 @@
 
 #include "Engine/support/CollectionUtils.h"
 #include "platform/Exception.h"
+#include "platform/FileManager.h"
 #include "platform/Log.h"
 #include "platform/Process.h"
 #include "platform/PropertyList.h"
@@ -200,18 +201,36 @@ void QSBlackList::initializeWithInfoDictionary(const platform::Dictionary& info)
   gState.store(std::move(state));
 }
 
-std::string QSBlackList::settingsFilePath() {
+std::string QSBlackList::administratorSettingsFilePath() {
+  const auto root = platform::Process::environmentVariable("SKERROW_ROOT");
+  return (root ? *root : std::string()) + SKERROW_SYSCONFDIR "/skerrow/Info.plist";
+}
+
+std::string QSBlackList::defaultSettingsFilePath() {
   return platform::Process::executableDirectory() + "/../share/skerrow/Info.plist";
+}
+
+std::string QSBlackList::initializeFromSettingsFiles(const std::vector<std::string>& paths) {
+  for (const std::string& path : paths) {
+    if (!platform::FileManager::fileExistsAtPath_traverseLink(path, true)) continue;
+    const auto settings = platform::PropertyList::readFile(path);
+    if (!settings || !settings->isDictionary()) {
+      platform::Log::format("The settings at %s cannot be read as a property list; they are passed over", path.c_str());
+      continue;
+    }
+    platform::Log::format("Black list settings from %s", path.c_str());
+    initializeWithInfoDictionary(*settings->asDictionary());
+    return path;
+  }
+  platform::Log::line("No settings file found: the black list is empty");
+  initializeWithInfoDictionary(platform::Dictionary());
+  return "";
 }
 
 void QSBlackList::initialize() {
   std::call_once(gInitialized, [] {
     if (gState.load()) return;  // installed explicitly before first use
-    const auto settings = platform::PropertyList::readFile(settingsFilePath());
-    if (!settings || !settings->isDictionary())
-      platform::Log::format("No settings at %s: the black list is empty", settingsFilePath().c_str());
-    initializeWithInfoDictionary(settings && settings->isDictionary() ? *settings->asDictionary()
-                                                                      : platform::Dictionary());
+    initializeFromSettingsFiles({administratorSettingsFilePath(), defaultSettingsFilePath()});
   });
 }
 

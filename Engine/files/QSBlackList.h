@@ -1,8 +1,11 @@
 // The fixed black list, the same for every user: file names that are never
 // backed up (by whole name or by extension) and paths below a home folder
-// that are never entered.  Built once from the settings file's "QSBlackList"
-// ("share/skerrow/Info.plist" beside the executable's folder: the installed
-// tree and the build tree both have it), and read from any thread after that.
+// that are never entered.  Built once from the "QSBlackList" of the first
+// settings file that reads as a dictionary: the administrator's
+// "<sysconfdir>/skerrow/Info.plist" (/etc/skerrow/Info.plist when installed
+// in /usr; below $SKERROW_ROOT when that is set), then the shipped defaults
+// "share/skerrow/Info.plist" beside the executable's folder (the installed
+// tree and the build tree both have them).  Read from any thread after that.
 //
 // With extensions e1, e2 and specific files f1, f2 the file-name pattern is
 // ((.+\.)((e1)|(e2)))|(((f1)|(f2))); with suffixes s1, s2 the suffix pattern
@@ -12,6 +15,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/RegexPredicate.h"
 #include "platform/Value.h"
@@ -35,6 +39,13 @@ class QSBlackList {
 
   static std::string fileNamePattern();
   static std::string pathSuffixPattern();
-  // Where the settings file is looked for.
-  static std::string settingsFilePath();
+  // Builds the list from the first of `paths` that reads as a dictionary
+  // (an empty list when none does); answers that path, or "" when none.
+  // A file that exists but does not read is logged and passed over.
+  static std::string initializeFromSettingsFiles(const std::vector<std::string>& paths);
+
+  // The administrator's settings file, read first.
+  static std::string administratorSettingsFilePath();
+  // The shipped defaults, read when the administrator's file is missing or unreadable.
+  static std::string defaultSettingsFilePath();
 };

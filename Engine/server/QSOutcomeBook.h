@@ -4,7 +4,11 @@
 // keeps its own keys; outcomes never go into it.
 //
 // Every recorded outcome gets the next sequence number (larger than any
-// loaded one).  Used on the main thread only; the file is written
+// loaded one).  Beside each backup's last outcome the book keeps its last
+// clean one (a backup that completed without a failed copy), so a client
+// can name the last good backup even after later runs failed, were
+// cancelled or were counts; it is kept in the file inside the last
+// outcome's dictionary, under "last-clean-backup".  Used on the main thread only; the file is written
 // atomically at each record.  An unreadable file reads as no outcomes.
 #pragma once
 
@@ -24,6 +28,8 @@ class QSOutcomeBook {
   // Keeps `outcome` as its backup's last, numbered; answers the kept copy.
   const QSBackupOutcome& record(QSBackupOutcome outcome);
   std::optional<QSBackupOutcome> outcomeForUID(const std::string& uid) const;
+  // The last backup of `uid` that completed cleanly, if any.
+  std::optional<QSBackupOutcome> lastCleanBackupForUID(const std::string& uid) const;
   // Forgets a backup the engine no longer manages.
   void forget(const std::string& uid);
 
@@ -32,5 +38,6 @@ class QSOutcomeBook {
 
   std::string path_;
   std::map<std::string, QSBackupOutcome> outcomes_;
+  std::map<std::string, QSBackupOutcome> lastClean_;
   uint64_t lastSequence_ = 0;
 };

@@ -43,6 +43,11 @@ std::optional<QSBackupOutcome> QSSkerrowBackupService::outcomeForBackup(const st
   return server_->outcomeForBackup(uid);
 }
 
+std::optional<QSBackupOutcome> QSSkerrowBackupService::lastCleanBackup(const std::string& uid) const {
+  if (!ownEntry(uid)) return std::nullopt;
+  return server_->lastCleanBackupForBackup(uid);
+}
+
 uint32_t QSSkerrowBackupService::versionDepthForBackup(const std::string& uid) const {
   const auto entry = ownEntry(uid);
   return entry ? entry->versionDepth() : 0;
@@ -151,6 +156,23 @@ bool QSSkerrowBackupService::stopManagingBackup(const std::string& uid) {
   return saved;
 }
 
+std::optional<std::string> QSSkerrowBackupService::refusalToManageVolumeWithBSDName(const std::string& bsdName) const {
+  std::string mountPath, volumeName;
+  std::optional<std::string> volumeUUID;
+  if (bsdName.empty() || bsdName.find('/') != std::string::npos ||
+      !VolumeInfoForBSDName(bsdName, &mountPath, &volumeName, &volumeUUID) || mountPath.empty())
+    return std::nullopt;  // not a mounted volume: the request fails on its own
+  platform::FileAttributes volume, system, home;
+  if (!platform::FileManager::attributesAtPath(mountPath, &volume)) return std::nullopt;
+  if (platform::FileManager::attributesAtPath("/", &system) && system.device == volume.device)
+    return "The volume " + bsdName + " (" + mountPath +
+           ") holds the system: a backup there would be lost with the disk it should protect; choose an external disk";
+  if (!userHome_.empty() && platform::FileManager::attributesAtPath(userHome_, &home) && home.device == volume.device)
+    return "The volume " + bsdName + " (" + mountPath + ") holds your home folder " + userHome_ +
+           ": a backup there would be lost with the disk it should protect; choose an external disk";
+  return std::nullopt;
+}
+
 std::string QSSkerrowBackupService::startManagingVolumeWithBSDName(const std::string& bsdName) {
   bool ignored = false;
   return startManagingVolumeWithBSDName_didSucceed(bsdName, &ignored);
@@ -186,7 +208,14 @@ bool QSSkerrowBackupService::createManagedBackup(const std::string& uid, const s
   platform::FileAttributes storage;
   const std::string storagePath = platform::appendingPathComponent(mountPath, kBackupDestinationDirectoryName);
   if (!platform::FileManager::attributesAtPath(storagePath, &storage)) {
-    if (!platform::FileCopier::createDirectoryBeneath(mountPath, kBackupDestinationDirectoryName, nullptr, &error,
+    // root's, 0755 whatever the engine's umask (its unit sets 0077): users
+    // reach their own backup folders through it.
+    platform::FileAttributes shared;
+    shared.type = platform::FileAttributes::Type::Directory;
+    shared.mode = S_IFDIR | 0755;
+    shared.uid = 0;
+    shared.gid = 0;
+    if (!platform::FileCopier::createDirectoryBeneath(mountPath, kBackupDestinationDirectoryName, &shared, &error,
                                                       mount.device))
       return false;
   }

@@ -85,6 +85,10 @@ class QSSkerrowBackupService {
   // was written.
   std::string startManagingVolumeWithBSDName_didSucceed(const std::string& bsdName, bool* didSucceed);
   std::string startManagingVolumeWithBSDName(const std::string& bsdName);
+  // Why a user other than root may not put a backup on that volume, or
+  // nothing: a backup on the disk that holds the system ("/") or the user's
+  // own home folder is lost with the very disk it should protect.
+  std::optional<std::string> refusalToManageVolumeWithBSDName(const std::string& bsdName) const;
 
   // The database's entries of this user, by uid.
   std::map<std::string, std::shared_ptr<QSBackupEntry>> database() const;
@@ -92,6 +96,9 @@ class QSSkerrowBackupService {
   // How this user's backup `uid` last ended (a backup or a count), or
   // nothing for an unknown uid, another user's backup, or one never run.
   std::optional<QSBackupOutcome> outcomeForBackup(const std::string& uid) const;
+  // The last run of this user's backup `uid` that was a backup completed
+  // without a failed copy, or nothing (as above).
+  std::optional<QSBackupOutcome> lastCleanBackup(const std::string& uid) const;
 
  private:
   // The backup `uid` when it exists and belongs to this user.

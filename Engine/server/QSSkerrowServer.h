@@ -185,6 +185,9 @@ class QSSkerrowServer : public platform::Object,
   std::optional<QSBackupOutcome> outcomeForBackup(const std::string& uid) const {
     return outcomes_.outcomeForUID(uid);
   }
+  std::optional<QSBackupOutcome> lastCleanBackupForBackup(const std::string& uid) const {
+    return outcomes_.lastCleanBackupForUID(uid);
+  }
   void forgetOutcomeForBackup(const std::string& uid) { outcomes_.forget(uid); }
   void finishBackupOnMainThreadForUID(const std::string& uid);
   // Admits the client's user to the first stage and attaches the client to

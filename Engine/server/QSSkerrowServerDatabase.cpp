@@ -86,12 +86,14 @@ void QSSkerrowServer::loadBackupDatabase() {
   removeStaleDatabaseTemporaries();
   const std::string path = backupDatabasePath();
   databaseUnreadable_ = false;
-  const auto root = platform::PropertyList::readFile(path);
+  std::string why;
+  const auto root = platform::PropertyList::readFile(path, &why);
   const platform::Dictionary* dictionary = root ? root->asDictionary() : nullptr;
+  if (root && !dictionary) why = "holds no dictionary";
   if (!dictionary) {
     // A file that is there but cannot be read is kept for the user before anything replaces it.
     databaseUnreadable_ = platform::FileManager::fileExistsAtPath_traverseLink(path, false);
-    if (databaseUnreadable_) platform::Log::format("The backup database at %s cannot be read", path.c_str());
+    if (databaseUnreadable_) platform::Log::format("The backup database at %s cannot be read: it %s", path.c_str(), why.c_str());
     return;
   }
   if (const platform::Value* backups = dictionary->find(kManagedBackupsKey)) {
@@ -188,7 +190,13 @@ void QSSkerrowServer::scanVolumeWithBSDName_mountPath_onVolume(const std::string
     }
     const std::string metadataPath =
         platform::appendingPathComponent(platform::appendingPathComponent(storage, name), kMetadataFileName);
-    const auto metadata = platform::PropertyList::readFile(metadataPath);
+    std::string why;
+    const auto metadata = platform::PropertyList::readFile(metadataPath, &why);
+    // A metadata file that is there but cannot be read (damaged, hostile)
+    // leaves its folder unrecognised; the log says why.
+    if (!metadata && platform::FileManager::fileExistsAtPath_traverseLink(metadataPath, false))
+      platform::Log::format("The backup folder %s is not recognised: its metadata file %s",
+                            platform::appendingPathComponent(storage, name).c_str(), why.c_str());
     const platform::Dictionary* fields = metadata ? metadata->asDictionary() : nullptr;
     if (!fields || QSBackupAttributes(*fields).uid() != name) continue;
     auto entry = QSBackupEntry::initWithBackupDirMetadata(*fields);

@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
 
+#include "tests/support/ClientBus.h"
 #include "tests/support/EngineFixture.h"
 #include "tests/support/FileSystemImage.h"
 
@@ -28,13 +29,11 @@ using skerrow_test::EngineFixture;
 using skerrow_test::FileSystemImage;
 using skerrow_test::RunAs;
 using skerrow_test::TestUser;
+using skerrow_test::ClientBus;
+using skerrow_test::Outcome;
+using skerrow_test::firstUID;
 
 constexpr const char* kSaved = "Server did save to permanent store: 1";
-
-struct Outcome {
-  int status = -1;
-  std::string output;
-};
 
 // The event names of skerrowctl's JSON lines, in order.
 std::vector<std::string> events(const std::string& output) {
@@ -53,88 +52,18 @@ std::string eventLine(const std::string& output, const std::string& name) {
   return {};
 }
 
-std::string firstUID(const std::string& output) {
-  static const std::regex uid("\"uid\":\"([0-9A-F-]{36})\"");
-  std::smatch m;
-  return std::regex_search(output, m, uid) ? m[1].str() : std::string();
-}
-
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// The engine, a disk and two users: ann (1500) with a small generated
-// home holding Documents/report.txt, and bob (1501) with an empty one.
-class ClientBus {
- public:
-  static std::optional<std::string> unavailableReason() {
-    if (auto reason = EngineFixture::unavailableReason()) return reason;
-    return FileSystemImage::unavailableReason(FileSystemImage::Kind::Ext4);
-  }
-
-  explicit ClientBus(const std::string& files = "200", const std::string& bytes = "4M",
-                     uint64_t diskBytes = 256ull << 20)
-      : ann(f.users().addUser("ann", 1500, 1500, "Ann Example")), bob(f.users().addUser("bob", 1501, 1501)) {
-    std::filesystem::remove(ann.home);
-    if (skerrow_test::runCommand({SKERROW_MAKE_HOME, "-q", "-n", files, "-b", bytes, ann.home}).exitCode != 0)
-      throw std::runtime_error("skerrow_make_home failed");
-    std::filesystem::create_directories(ann.home + "/Documents");
-    std::ofstream(ann.home + "/Documents/report.txt") << "The first draft.\n";
-    skerrow_test::runCommand({"chown", "-R", "-h", "1500:1500", ann.home});
-    disk = std::make_unique<FileSystemImage>(FileSystemImage::Kind::Ext4, diskBytes,
-                                             skerrow_test::FileSystemImageOptions{.label = "Backup"});
-    // Like /media/<user>: users reach the disk (skerrowctl reads their backup folders directly).
-    std::filesystem::permissions(disk->folder(), std::filesystem::perms(0755));
-    engine = &f.startEngine({"-noRealtime"});
-  }
-
-  // Starts skerrowctl (or the probe) as `user` without waiting.
-  std::unique_ptr<DaemonProcess> start(const TestUser& user, const std::vector<std::string>& arguments,
-                                       const char* program = SKERROWCTL_PATH) {
-    skerrow_test::DaemonProcessOptions options;
-    options.environment = f.clientEnvironment();
-    options.runAs = RunAs{user.uid, user.gid};
-    options.workingDirectory = "/";
-    return std::make_unique<DaemonProcess>(program, arguments, options);
-  }
-  Outcome run(const TestUser& user, const std::vector<std::string>& arguments,
-              const char* program = SKERROWCTL_PATH, std::chrono::milliseconds timeout = 120s) {
-    auto process = start(user, arguments, program);
-    Outcome outcome;
-    outcome.status = process->waitForExit(timeout).value_or(-1);
-    outcome.output = process->logText();
-    return outcome;
-  }
-  Outcome probe(const TestUser& user, const std::vector<std::string>& arguments) {
-    return run(user, arguments, SKERROW_BUS_CLIENT_PROBE);
-  }
-  // A new backup of ann on the disk, every category scheduled.
-  std::string manage(const std::vector<std::string>& more = {}) {
-    std::vector<std::string> arguments = {"--json", "manage", disk->mountPoint()};
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    const Outcome managed = run(ann, arguments);
-    EXPECT_EQ(managed.status, 0) << managed.output;
-    return firstUID(managed.output);
-  }
-  std::string annsList() { return run(ann, {"--json", "list"}).output; }
-
-  EngineFixture f;
-  const TestUser& ann;
-  const TestUser& bob;
-  std::unique_ptr<FileSystemImage> disk;
-  DaemonProcess* engine = nullptr;
-};
-
-#define SKIP_WITHOUT_CLIENT_BUS() \
-  if (auto reason = ClientBus::unavailableReason()) GTEST_SKIP() << *reason
 
 TEST(ClientBusTest, ANewBackupIsUnscheduledAndPersistentWithPeriodAndDepthZero) {
   SKIP_WITHOUT_CLIENT_BUS();
   ClientBus bus;
   const Outcome managed = bus.run(bus.ann, {"--json", "manage", bus.disk->mountPoint()});
   ASSERT_EQ(managed.status, 0) << managed.output;
-  EXPECT_NE(managed.output.find("\"scheduled\":false,\"persistent\":true,\"period\":0,\"versionDepth\":0"),
+  EXPECT_NE(managed.output.find("\"scheduled\":false,\"persistent\":true,\"period\":0.0,\"schedule\":\"off\",\"versionDepth\":0"),
             std::string::npos)
       << managed.output;
   const std::string uid = firstUID(managed.output);
@@ -224,7 +153,9 @@ TEST(ClientBusTest, FullJourneyWithSkerrowctl) {
   EXPECT_GT(std::stoll(m[1]), 100);
   EXPECT_EQ(m[1], m[3]);
   EXPECT_EQ(m[2], m[4]);
-  EXPECT_NE(first.output.find("\"event\":\"end\",\"uid\":\"" + uid + "\",\"completed\":true"), std::string::npos);
+  EXPECT_NE(first.output.find("\"event\":\"end\",\"uid\":\"" + uid + "\",\"kind\":\"backup\",\"state\":\"completed\",\"completed\":true"),
+            std::string::npos)
+      << first.output;
 
   std::ofstream(bus.ann.home + "/Documents/report.txt") << "The second draft, longer.\n";
   const Outcome second = bus.run(bus.ann, {"--json", "backup", uid});
@@ -323,7 +254,8 @@ TEST(ClientBusTest, WithAMaximumOfThreeTheFifthFailedCopyInARowStopsTheBackup) {
   ClientBus bus("400", "96M", 40ull << 20);
   bus.manage();
   const Outcome backup = bus.run(bus.ann, {"--json", "--max-errors", "3", "backup"});
-  EXPECT_EQ(backup.status, 1) << backup.output;
+  EXPECT_EQ(backup.status, 3) << backup.output;  // files failed to copy
+  EXPECT_NE(backup.output.find("\"state\":\"stopped\""), std::string::npos) << backup.output;
   size_t errors = 0;
   size_t stops = 0;
   for (const auto& name : events(backup.output)) {
@@ -342,7 +274,7 @@ TEST(ClientBusTest, AClientClaimingAnotherUsersNameIsRefused) {
   ClientBus bus;
   bus.manage();
   const Outcome claimed = bus.run(bus.bob, {"--user", "ann", "list"});
-  EXPECT_EQ(claimed.status, 3) << claimed.output;
+  EXPECT_EQ(claimed.status, 4) << claimed.output;
   EXPECT_NE(claimed.output.find("the engine refused"), std::string::npos) << claimed.output;
   const Outcome probed = bus.probe(bus.bob, {"--user", "ann", "intrude", "x"});
   EXPECT_EQ(probed.status, 3) << probed.output;
@@ -374,8 +306,10 @@ TEST(ClientBusTest, AnotherUserMayCancelARunningBackup) {
   ASSERT_TRUE(backup->waitForLogLine("\"event\":\"startedTransferTally_withUID\"", 120s)) << backup->logText();
   const Outcome cancelled = bus.probe(bus.bob, {"cancel", uid});
   EXPECT_EQ(cancelled.status, 0) << cancelled.output;
-  EXPECT_EQ(backup->waitForExit(120s), 1) << backup->logText();
-  EXPECT_NE(backup->logText().find("\"completed\":false"), std::string::npos) << backup->logText();
+  // Ann's skerrowctl learns it and says so: the backup was cancelled.
+  EXPECT_EQ(backup->waitForExit(120s), 5) << backup->logText();
+  EXPECT_NE(backup->logText().find("\"state\":\"cancelled\",\"completed\":false"), std::string::npos)
+      << backup->logText();
   EXPECT_NE(bus.annsList().find("\"lastCompletion\":null"), std::string::npos);
 }
 

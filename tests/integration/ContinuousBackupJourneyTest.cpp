@@ -147,8 +147,13 @@ TEST_F(ContinuousBackupJourney, AfterAScheduledBackupAChangedFileAppearsAsItsNex
   EXPECT_EQ(versions.status, 0) << versions.output;
   EXPECT_NE(versions.output.find("report@0.txt"), std::string::npos) << versions.output;
   EXPECT_NE(versions.output.find("report@1.txt"), std::string::npos) << versions.output;
-  const Outcome restored = ctl({"restore", "Documents/report.txt", "--version", "0", "--to", "/tmp/"});
+  // The first draft is still there to restore, into a folder of her own.
+  const std::string restoreTo = homes->mountPoint() + "/restored";
+  std::filesystem::create_directories(restoreTo);
+  ::chown(restoreTo.c_str(), 1500, 1500);
+  const Outcome restored = ctl({"restore", "Documents/report.txt", "--version", "0", "--to", restoreTo + "/"});
   EXPECT_EQ(restored.status, 0) << restored.output;
+  EXPECT_EQ(readFile(restoreTo + "/report.txt"), "The first draft.\n");
 }
 
 TEST_F(ContinuousBackupJourney, AnEditorStyleSaveStoresExactlyOneNewVersion) {

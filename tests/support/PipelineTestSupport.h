@@ -43,7 +43,7 @@ namespace skerrow_test {
 
 // The black list as shipped (other tests replace it).
 inline void useShippedBlackList() {
-  auto shipped = platform::PropertyList::readFile(QSBlackList::settingsFilePath());
+  auto shipped = platform::PropertyList::readFile(QSBlackList::defaultSettingsFilePath());
   QSBlackList::initializeWithInfoDictionary(shipped && shipped->isDictionary() ? *shipped->asDictionary()
                                                                                : platform::Dictionary());
 }

@@ -62,7 +62,7 @@ class ServerFixture {
 
   explicit ServerFixture(Options options = Options()) {
     // The shipped black list, whatever another test installed before.
-    const auto shipped = platform::PropertyList::readFile(QSBlackList::settingsFilePath());
+    const auto shipped = platform::PropertyList::readFile(QSBlackList::defaultSettingsFilePath());
     QSBlackList::initializeWithInfoDictionary(shipped && shipped->isDictionary() ? *shipped->asDictionary()
                                                                               : platform::Dictionary());
     annHome = dir.mkdir("home/ann");

@@ -15,10 +15,34 @@
 //       served the request
 //   skerrow_bus_client_probe [--user NAME] category UID NAME
 //       sets the scheduled flag of category NAME of UID, then prints the database
+//   skerrow_bus_client_probe [--user NAME] cancel-during PHASE UID [DIR]
+//       starts a backup of UID and cancels it during PHASE, seen through
+//       the tallies the engine lends: "source" (the home folder's count
+//       passed 1,000 files), "destination" (the backup folder's count passed
+//       1,000 files, nothing expected yet), "dryrun" (the dry run has
+//       counted a file to copy, the destination count not finished), or
+//       "copy" (a copy's temporary file in DIR passed 64 MiB).  Prints
+//       "phase PHASE reached", "cancelled", "outcome <state> <ms>" (the ms
+//       from the cancel to the engine's outcome of the backup), then starts
+//       a count and prints "count started <ms>" and "count ended <state>"
+//   skerrow_bus_client_probe [--user NAME] cancel-in-callback UID
+//       starts a backup of UID and, inside the startedTransferTally
+//       callback, before answering it, cancels the backup and asks the
+//       heartbeat: prints "heartbeat <ms>", then "outcome <state>"
+//   skerrow_bus_client_probe [--user NAME] server-ops BSDNAME [with-service]
+//       every operation of the server object, each expecting an answer:
+//       "<method> ok <answer>" or "<method> error <D-Bus error name>";
+//       with-service: after getting a backup service first"
 //
 // The client claims NAME (default: the user running it).  Exit status 3
 // when the engine refuses the service.
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <map>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -111,6 +135,169 @@ int malformed(QSClientSession& session) {
   return 0;
 }
 
+using Clock = std::chrono::steady_clock;
+
+long msSince(Clock::time_point start) {
+  return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
+}
+
+// The files and bytes of one view of a tally, summed over the categories.
+std::pair<int64_t, int64_t> totals(const std::map<std::string, std::vector<sdbus::Struct<int64_t>>>& view) {
+  std::pair<int64_t, int64_t> sum{0, 0};
+  for (const auto& [category, counters] : view) {
+    if (counters.size() > 0) sum.first += std::get<0>(counters[0]);
+    if (counters.size() > 1) sum.second += std::get<0>(counters[1]);
+  }
+  return sum;
+}
+
+// Remembers the tallies the engine lends and the callbacks in order.
+struct Watcher : QSClientCallbacks {
+  std::optional<QSTallyReference> source, destination, transfer;
+  std::vector<std::string> members;
+  std::function<void(const std::string&)> inside;
+  void tallyCallback(const std::string& member, const QSTallyReference& tally,
+                     const std::optional<std::string>&) override {
+    members.push_back(member);
+    if (member == "startedSourceTally") source = tally;
+    if (member == "startedDestinationTally_withUID") destination = tally;
+    if (member == "startedTransferTally_withUID") transfer = tally;
+    if (inside) inside(member);
+  }
+  bool saw(const std::string& member) const {
+    return std::find(members.begin(), members.end(), member) != members.end();
+  }
+};
+
+uint64_t lastSequence(QSServiceProxy& service, const std::string& uid) {
+  const auto outcome = service.outcomeForBackup(uid);
+  return outcome.empty() ? 0 : std::get<12>(outcome.front());
+}
+
+// Waits (serving callbacks) for an outcome of `uid` newer than `after`; its state, or "none".
+std::string awaitOutcome(QSClientSession& session, const std::string& uid, uint64_t after,
+                         std::chrono::seconds limit) {
+  const auto until = Clock::now() + limit;
+  while (Clock::now() < until) {
+    const auto outcome = session.service().outcomeForBackup(uid);
+    if (!outcome.empty() && std::get<12>(outcome.front()) > after) return std::get<2>(outcome.front());
+    session.pump(std::chrono::milliseconds(5));
+  }
+  return "none";
+}
+
+// The largest copy in progress (".skerrow-" temporary file) below `folder`.
+uintmax_t largestTemporaryBelow(const std::string& folder) {
+  uintmax_t largest = 0;
+  std::error_code error;
+  for (auto it = std::filesystem::recursive_directory_iterator(folder, error);
+       it != std::filesystem::recursive_directory_iterator(); it.increment(error)) {
+    if (error) break;
+    if (it->path().filename().string().rfind(".skerrow-", 0) != 0) continue;
+    largest = std::max(largest, it->file_size(error));
+  }
+  return largest;
+}
+
+int cancelDuring(QSClientSession& session, Watcher& watcher, const std::string& phase, const std::string& uid,
+                 const std::string& folder) {
+  auto& service = session.service();
+  const uint64_t before = lastSequence(service, uid);
+  service.startBackup(uid);
+  auto reached = [&]() -> bool {
+    if (phase == "source" && watcher.source)
+      return totals(std::get<0>(session.tally(*watcher.source)->snapshot())).first > 1000;
+    if (phase == "destination" && watcher.destination) {
+      const auto tally = session.tally(*watcher.destination)->snapshot();
+      return totals(std::get<1>(tally)).first > 1000 && totals(std::get<3>(tally)).first == 0;
+    }
+    if (phase == "dryrun" && watcher.destination && !watcher.saw("finishedDestinationTally_withUID"))
+      return totals(std::get<3>(session.tally(*watcher.destination)->snapshot())).first > 0;
+    if (phase == "copy" && watcher.transfer) return largestTemporaryBelow(folder) > (64u << 20);
+    return false;
+  };
+  const auto until = Clock::now() + std::chrono::seconds(300);
+  while (!reached()) {
+    if (Clock::now() > until || watcher.saw("finishedTransferTally_withUID")) {
+      std::cout << "phase " << phase << " missed\n";
+      return 1;
+    }
+    session.pump(std::chrono::milliseconds(1));
+  }
+  std::cout << "phase " << phase << " reached\n";
+  const auto cancelledAt = Clock::now();
+  service.cancelBackup(uid);
+  service.heartbeat();  // served after the one-way cancel
+  std::cout << "cancelled\n";
+  const std::string state = awaitOutcome(session, uid, before, std::chrono::seconds(30));
+  std::cout << "outcome " << state << " " << msSince(cancelledAt) << std::endl;
+  const uint64_t cancelledSequence = lastSequence(service, uid);
+  const size_t seen = watcher.members.size();
+  const auto asked = Clock::now();
+  service.startTally(uid);
+  while (Clock::now() - asked < std::chrono::seconds(30)) {
+    if (std::find(watcher.members.begin() + static_cast<std::ptrdiff_t>(seen), watcher.members.end(),
+                  "startedSourceTally") != watcher.members.end())
+      break;
+    session.pump(std::chrono::milliseconds(1));
+  }
+  std::cout << "count started " << msSince(asked) << std::endl;
+  std::cout << "count ended " << awaitOutcome(session, uid, cancelledSequence, std::chrono::seconds(120)) << "\n";
+  return 0;
+}
+
+int cancelInCallback(QSClientSession& session, Watcher& watcher, const std::string& uid) {
+  auto& service = session.service();
+  const uint64_t before = lastSequence(service, uid);
+  bool done = false;
+  watcher.inside = [&](const std::string& member) {
+    if (member != "startedTransferTally_withUID" || done) return;
+    done = true;
+    // Still inside the callback: the engine's copying thread waits for this answer.
+    service.cancelBackup(uid);
+    const auto asked = Clock::now();
+    service.heartbeat();
+    std::cout << "heartbeat " << msSince(asked) << std::endl;
+  };
+  service.startBackup(uid);
+  const auto until = Clock::now() + std::chrono::seconds(300);
+  while (!done && Clock::now() < until) session.pump(std::chrono::milliseconds(5));
+  if (!done) return 1;
+  std::cout << "outcome " << awaitOutcome(session, uid, before, std::chrono::seconds(30)) << "\n";
+  return 0;
+}
+
+// Calls `member` of the server object and waits for its answer, also for
+// the one-way methods, so that a refusal comes back.
+template <class... Args>
+void serverCall(QSClientSession& session, const std::string& member, const Args&... args) {
+  try {
+    auto& proxy = session.server().getProxy();
+    auto call = proxy.createMethodCall("com.qsc.skerrow.QSSkerrowServerProtocol", member);
+    if constexpr (sizeof...(args) > 0) (call << ... << args);
+    auto reply = proxy.callMethod(call);
+    std::cout << member << " ok\n";
+  } catch (const sdbus::Error& e) {
+    std::cout << member << " " << describe(e) << "\n";
+  }
+}
+
+int serverOps(QSClientSession& session, const std::string& bsdName, bool withService) {
+  if (withService) std::cout << "service ok " << session.service().database().size() << "\n";
+  serverCall(session, "supportsContinuousBackup");
+  serverCall(session, "setSupportsContinuousBackup", false);
+  serverCall(session, "remountDriveWithBSDName", bsdName);
+  serverCall(session, "jobs");
+  serverCall(session, "conversionStateForMountPath", std::string("/"));
+  try {
+    std::cout << "db2 ok " << session.server().db2().size() << "\n";
+  } catch (const sdbus::Error& e) {
+    std::cout << "db2 " << describe(e) << "\n";
+  }
+  serverCall(session, "exit");
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -124,9 +311,14 @@ int main(int argc, char** argv) {
     std::cerr << "usage: skerrow_bus_client_probe [--user NAME] intrude UID | malformed | cancel UID | category UID NAME\n";
     return 2;
   }
-  QSClientCallbacks ignore;
+  Watcher watcher;
   try {
-    QSClientSession session(QSClientSession::Bus::System, identity, ignore);
+    QSClientSession session(QSClientSession::Bus::System, identity, watcher);
+    if (args[0] == "cancel-during" && (args.size() == 3 || args.size() == 4))
+      return cancelDuring(session, watcher, args[1], args[2], args.size() == 4 ? args[3] : std::string());
+    if (args[0] == "cancel-in-callback" && args.size() == 2) return cancelInCallback(session, watcher, args[1]);
+    if (args[0] == "server-ops" && (args.size() == 2 || (args.size() == 3 && args[2] == "with-service")))
+      return serverOps(session, args[1], args.size() == 3);
     if (args[0] == "intrude" && args.size() == 2) return intrude(session, args[1]);
     if (args[0] == "malformed") return malformed(session);
     if (args[0] == "cancel" && args.size() == 2) {

@@ -1,38 +1,32 @@
 #include "tools/skerrowctl/BackupFollower.h"
 
-#include <unistd.h>
+#include <algorithm>
+#include <cmath>
 
-#include <cstdio>
+#include <sdbus-c++/Error.h>
 
 #include "tools/skerrowctl/Json.h"
+#include "tools/skerrowctl/Wording.h"
 
 namespace skerrowctl {
 
 namespace {
 
+constexpr double kRedrawInterval = 0.25;        // the line moves four times a second
+constexpr double kProgressEventInterval = 1.0;  // JSON progress: at most once a second
+constexpr double kPollInterval = 1.0;           // the engine is asked for the outcome each second
+constexpr double kRateWindow = 5.0;             // the copy rate is measured over the last seconds
+
+bool startsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
 bool endsWith(const std::string& text, const std::string& suffix) {
   return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-bool startsWith(const std::string& text, const std::string& prefix) { return text.compare(0, prefix.size(), prefix) == 0; }
-
-Json totalsJson(const wire::TallyViewWire& view) {
-  const TallyTotals totals = totalsOf(view);
-  return Json::object().set("files", totals.files).set("bytes", totals.bytes);
-}
-
-std::string bar(int64_t done, int64_t total) {
-  constexpr int kWidth = 24;
-  const double fraction = total > 0 ? std::min(1.0, static_cast<double>(done) / static_cast<double>(total)) : 1.0;
-  const int filled = static_cast<int>(fraction * kWidth);
-  char percent[8];
-  std::snprintf(percent, sizeof percent, "%3d%%", static_cast<int>(fraction * 100));
-  return "[" + std::string(filled, '#') + std::string(kWidth - filled, '-') + "] " + percent;
-}
+Json totalsJson(const TallyTotals& totals) { return Json::object().set("files", totals.files).set("bytes", totals.bytes); }
 
 }  // namespace
 
-TallyTotals totalsOf(const wire::TallyViewWire& view) {
+TallyTotals BackupFollower::totalsOf(const wire::TallyViewWire& view) {
   TallyTotals totals;
   for (const auto& [category, counters] : view) {
     if (counters.size() > 0) totals.files += std::get<0>(counters[0]);
@@ -41,116 +35,214 @@ TallyTotals totalsOf(const wire::TallyViewWire& view) {
   return totals;
 }
 
-std::string humanBytes(int64_t bytes) {
-  const char* units[] = {"B", "kB", "MB", "GB", "TB"};
-  double value = static_cast<double>(bytes);
-  size_t unit = 0;
-  while (value >= 1000 && unit + 1 < std::size(units)) {
-    value /= 1000;
-    ++unit;
+BackupFollower::BackupFollower(std::vector<Target> targets, QSBackupOutcome::Kind kind, Output output,
+                               std::ostream& out, std::ostream& err)
+    : kind_(kind), output_(output), out_(out), err_(err) {
+  for (auto& target : targets) {
+    Followed& followed = followed_[target.uid];
+    followed.uid = target.uid;
+    followed.sequenceBefore = target.sequenceBefore;
   }
-  char text[32];
-  std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", value, units[unit]);
-  return text;
 }
-
-BackupFollower::BackupFollower(std::set<std::string> uids, bool countOnly, bool json, std::ostream& out,
-                               std::ostream& err)
-    : countOnly_(countOnly), json_(json), terminal_(isatty(STDERR_FILENO) == 1), out_(out), err_(err) {
-  for (const auto& uid : uids) followed_[uid];
-  lastNews_ = std::chrono::steady_clock::now();
-}
-
-void BackupFollower::setSession(QSClientSession* session) { session_ = session; }
 
 bool BackupFollower::allEnded() const {
   for (const auto& [uid, followed] : followed_)
-    if (followed.outcome == Outcome::Running) return false;
+    if (!followed.outcome) return false;
   return true;
 }
 
-bool BackupFollower::waitUntilDone(std::chrono::seconds idle, const volatile int* interrupted) {
-  while (!allEnded() && !(interrupted && *interrupted) && std::chrono::steady_clock::now() - lastNews_ <= idle)
-    session_->pump(std::chrono::milliseconds(500), [&] { return allEnded() || (interrupted && *interrupted); });
-  endProgressLine();
+bool BackupFollower::follow(std::chrono::seconds idle, const volatile int* interrupted) {
+  const double start = engine_->now();
+  lastNews_ = start;
+  nextPoll_ = start + kPollInterval;
+  auto stop = [&] { return interrupted && *interrupted; };
+  while (!allEnded() && !stop()) {
+    double now = engine_->now();
+    if (now - lastNews_ > static_cast<double>(idle.count())) break;
+    double next = nextPoll_;
+    if (current_ && !current_->finished) next = std::min({next, nextRedraw_, output_.json ? nextProgressEvent_ : next});
+    const double wait = std::clamp(next - now, 0.0, kRedrawInterval);
+    engine_->serve(std::chrono::milliseconds(static_cast<int64_t>(wait * 1000)),
+                   [&] { return pollSoon_ || stop(); });
+    tick();
+  }
+  if (current_ && !current_->finished && !output_.json) redraw(true);
+  endLine();
   return allEnded();
 }
 
-std::map<std::string, BackupFollower::Followed> BackupFollower::results() const { return followed_; }
+void BackupFollower::tick() {
+  const double now = engine_->now();
+  if (current_ && !current_->finished && now >= nextRedraw_) {
+    nextRedraw_ = now + kRedrawInterval;
+    std::optional<wire::TallyWire> tally;
+    try {
+      tally = engine_->readTally(current_->reference);
+    } catch (const sdbus::Error&) {
+      // Withdrawn (the engine lends a few at a time): the last snapshot stays.
+    }
+    if (tally) {
+      if (!current_->tally || !(*tally == *current_->tally)) lastNews_ = now;
+      current_->tally = std::move(tally);
+      if (current_->uid && followed_.count(*current_->uid)) followed_[*current_->uid].tally = current_->tally;
+    }
+    if (current_->phase == Phase::Copy && current_->tally)
+      noteCopyRate(now, totalsOf(std::get<2>(*current_->tally)).bytes);
+    if (!output_.json) redraw(false);
+  }
+  if (output_.json && current_ && !current_->finished && now >= nextProgressEvent_) {
+    nextProgressEvent_ = now + kProgressEventInterval;
+    writeProgressEvent();
+  }
+  if (pollSoon_ || now >= nextPoll_) {
+    pollSoon_ = false;
+    nextPoll_ = now + kPollInterval;
+    pollOutcomes();
+  }
+}
+
+void BackupFollower::pollOutcomes() {
+  for (auto& [uid, followed] : followed_) {
+    if (followed.outcome) continue;
+    const auto outcome = engine_->outcomeForBackup(uid);
+    if (!outcome || outcome->sequence <= followed.sequenceBefore || outcome->kind != kind_) continue;
+    followed.outcome = outcome;
+    lastNews_ = engine_->now();
+  }
+}
 
 void BackupFollower::tallyCallback(const std::string& member, const QSTallyReference& reference,
                                    const std::optional<std::string>& uid) {
-  lastNews_ = std::chrono::steady_clock::now();
-  if (uid && !followed_.count(*uid)) return;
+  const double now = engine_->now();
+  lastNews_ = now;
+  if (uid && !followed_.count(*uid)) return;  // another backup of the user's
+  const Phase phase = endsWith(member, "SourceTally")                ? Phase::Source
+                      : endsWith(member, "DestinationTally_withUID") ? Phase::Destination
+                                                                     : Phase::Copy;
+  const bool starts = startsWith(member, "started");
+  const bool ends = startsWith(member, "finished");
   // Read by reference while the engine keeps counting.
   std::optional<wire::TallyWire> tally;
-  if (session_) {
-    try {
-      tally = session_->tally(reference)->snapshot();
-    } catch (const sdbus::Error& e) {
-      err_ << "skerrowctl: could not read the tally: " << e.getMessage() << "\n";
-    }
+  try {
+    tally = engine_->readTally(reference);
+  } catch (const sdbus::Error& e) {
+    endLine();
+    err_ << "skerrowctl: could not read the engine's tally: " << e.getMessage() << "\n" << std::flush;
   }
-  if (tally) {
-    if (uid) followed_[*uid].tally = tally;
-    showProgress(member, *tally, uid);
+  const bool samePhase = current_ && current_->phase == phase && current_->uid == uid;
+  if (!samePhase || starts) {
+    // The line of the phase before stays as it was last drawn.
+    if (current_ && !current_->finished && !output_.json) redraw(true);
+    endLine();
+    current_ = Current{phase, uid, reference, now, false, std::nullopt};
+    copySamples_.clear();
+    nextRedraw_ = now;
+    nextProgressEvent_ = now;
   }
-  const bool ends = uid && (countOnly_ ? member == "finishedDestinationTally_withUID"
-                                       : member == "finishedTransferTally_withUID");
-  if (ends) followed_[*uid].outcome = Outcome::Finished;
+  current_->reference = reference;
+  if (tally) current_->tally = tally;
+  current_->finished = ends;
+  if (uid && current_->tally) followed_[*uid].tally = current_->tally;
+  if (phase == Phase::Copy && current_->tally) noteCopyRate(now, totalsOf(std::get<2>(*current_->tally)).bytes);
+
+  if (output_.json) {
+    if ((starts || ends) && current_->tally) writePhaseEvent(member, uid, *current_->tally);
+  } else if (ends || output_.terminal) {
+    redraw(ends);
+  }
+  if (ends && uid && phase == Phase::Destination && kind_ == QSBackupOutcome::Kind::Backup && expectedHandler_ &&
+      current_->tally)
+    expectedHandler_(*uid, totalsOf(std::get<3>(*current_->tally)));
+  const bool lastOfRun = ends && uid &&
+                         (kind_ == QSBackupOutcome::Kind::Count ? phase == Phase::Destination : phase == Phase::Copy);
+  if (lastOfRun) {
+    followed_[*uid].lastCallbackSeen = true;
+    pollSoon_ = true;
+  }
 }
 
-void BackupFollower::showProgress(const std::string& member, const wire::TallyWire& tally,
-                                  const std::optional<std::string>& uid) {
-  if (json_) {
-    Json line = Json::object().set("event", member);
-    if (uid) line.set("uid", *uid);
-    line.set("source", totalsJson(std::get<0>(tally)))
-        .set("destination", totalsJson(std::get<1>(tally)))
-        .set("transferred", totalsJson(std::get<2>(tally)))
-        .set("expected", totalsJson(std::get<3>(tally)));
-    out_ << line.dump() << "\n" << std::flush;
-    return;
+void BackupFollower::noteCopyRate(double at, int64_t bytes) {
+  copySamples_.emplace_back(at, bytes);
+  while (copySamples_.size() > 2 && at - copySamples_.front().first > kRateWindow) copySamples_.pop_front();
+}
+
+ProgressSample BackupFollower::sampleOf(const Current& current) const {
+  ProgressSample sample;
+  sample.phase = current.phase;
+  if (followed_.size() > 1 && current.uid) sample.who = current.uid->substr(0, 8);
+  if (current.tally) {
+    sample.source = totalsOf(std::get<0>(*current.tally));
+    sample.destination = totalsOf(std::get<1>(*current.tally));
+    sample.transferred = totalsOf(std::get<2>(*current.tally));
+    sample.expected = totalsOf(std::get<3>(*current.tally));
   }
-  std::string text;
-  const std::string who = uid ? uid->substr(0, 8) + " " : "";
-  if (endsWith(member, "SourceTally")) {
-    const TallyTotals source = totalsOf(std::get<0>(tally));
-    text = "Counting your home folder: " + std::to_string(source.files) + " files, " + humanBytes(source.bytes);
-  } else if (endsWith(member, "DestinationTally_withUID")) {
-    const TallyTotals destination = totalsOf(std::get<1>(tally));
-    const TallyTotals expected = totalsOf(std::get<3>(tally));
-    text = who + "Comparing with the backup: " + std::to_string(destination.files) + " stored, " +
-           std::to_string(expected.files) + " files (" + humanBytes(expected.bytes) + ") to copy";
-  } else {
-    const TallyTotals done = totalsOf(std::get<2>(tally));
-    const TallyTotals expected = totalsOf(std::get<3>(tally));
-    text = who + "Copying " + bar(done.bytes, expected.bytes) + " " + std::to_string(done.files) + "/" +
-           std::to_string(expected.files) + " files, " + humanBytes(done.bytes) + "/" + humanBytes(expected.bytes);
+  sample.elapsed = engine_->now() - current.startedAt;
+  sample.finished = current.finished;
+  if (current.phase == Phase::Copy && copySamples_.size() >= 2) {
+    const auto& [t0, b0] = copySamples_.front();
+    const auto& [t1, b1] = copySamples_.back();
+    if (t1 - t0 >= 0.5) sample.bytesPerSecond = static_cast<double>(b1 - b0) / (t1 - t0);
+    if (sample.bytesPerSecond > 0)
+      sample.secondsLeft = static_cast<double>(std::max<int64_t>(0, sample.expected.bytes - sample.transferred.bytes)) /
+                           sample.bytesPerSecond;
   }
-  const bool phaseEnds = startsWith(member, "finished");
-  if (terminal_) {
+  return sample;
+}
+
+void BackupFollower::redraw(bool final) {
+  if (!current_ || output_.json) return;
+  ProgressSample sample = sampleOf(*current_);
+  sample.finished = sample.finished || final;
+  const std::string text = progressText(sample, output_.terminal ? output_.width : 100000);
+  if (output_.terminal) {
     err_ << "\r\033[K" << text << std::flush;
-    progressLineOpen_ = true;
-    if (phaseEnds) endProgressLine();
-  } else if (phaseEnds) {
+    lineOpen_ = true;
+    if (final) endLine();
+  } else if (final) {
     err_ << text << "\n" << std::flush;
   }
+  if (final) current_->finished = true;
 }
 
-void BackupFollower::endProgressLine() {
-  if (!progressLineOpen_) return;
+void BackupFollower::endLine() {
+  if (!lineOpen_) return;
   err_ << "\n" << std::flush;
-  progressLineOpen_ = false;
+  lineOpen_ = false;
+}
+
+void BackupFollower::writePhaseEvent(const std::string& member, const std::optional<std::string>& uid,
+                                     const wire::TallyWire& tally) {
+  Json line = Json::object().set("event", member);
+  if (uid) line.set("uid", *uid);
+  line.set("source", totalsJson(totalsOf(std::get<0>(tally))))
+      .set("destination", totalsJson(totalsOf(std::get<1>(tally))))
+      .set("transferred", totalsJson(totalsOf(std::get<2>(tally))))
+      .set("expected", totalsJson(totalsOf(std::get<3>(tally))));
+  out_ << line.dump() << "\n" << std::flush;
+}
+
+void BackupFollower::writeProgressEvent() {
+  const ProgressSample sample = sampleOf(*current_);
+  Json line = Json::object().set("event", "progress").set("phase", phaseName(sample.phase));
+  if (current_->uid) line.set("uid", *current_->uid);
+  line.set("source", totalsJson(sample.source))
+      .set("destination", totalsJson(sample.destination))
+      .set("transferred", totalsJson(sample.transferred))
+      .set("expected", totalsJson(sample.expected))
+      .set("percent", sample.phase == Phase::Copy ? Json(percentDone(sample)) : Json())
+      .set("elapsed", std::round(sample.elapsed * 1000) / 1000)
+      .set("bytesPerSecond", sample.phase == Phase::Copy ? Json(std::round(sample.bytesPerSecond)) : Json())
+      .set("secondsLeft", sample.secondsLeft ? Json(std::round(*sample.secondsLeft * 10) / 10) : Json());
+  out_ << line.dump() << "\n" << std::flush;
 }
 
 void BackupFollower::copyError(const wire::ErrorWire& error) {
-  lastNews_ = std::chrono::steady_clock::now();
+  lastNews_ = engine_ ? engine_->now() : 0;
   const auto& uid = std::get<2>(error);
-  if (!uid.empty() && followed_.count(uid.front())) ++followed_[uid.front()].errors;
+  if (!uid.empty() && followed_.count(uid.front())) ++followed_[uid.front()].errorsSeen;
   const auto& sourcePath = std::get<5>(error);
   const std::string path = sourcePath.empty() ? std::get<4>(error) : sourcePath.front();
-  if (json_) {
+  if (output_.json) {
     out_ << Json::object()
                 .set("event", "error")
                 .set("uid", uid.empty() ? Json() : Json(uid.front()))
@@ -162,18 +254,28 @@ void BackupFollower::copyError(const wire::ErrorWire& error) {
          << std::flush;
     return;
   }
-  endProgressLine();
-  err_ << "error: " << path << ": " << std::get<3>(error) << "\n" << std::flush;
+  ++errorLines_;
+  if (errorLines_ > static_cast<int64_t>(output_.maximumErrorLines) + 1) return;
+  endLine();
+  if (errorLines_ == static_cast<int64_t>(output_.maximumErrorLines) + 1)
+    err_ << "skerrowctl: more files could not be copied; the summary counts them\n" << std::flush;
+  else
+    err_ << "skerrowctl: could not copy " << path << ": " << std::get<3>(error) << "\n" << std::flush;
+  if (output_.terminal) redraw(false);
 }
 
 void BackupFollower::stoppedDueToErrors(const std::string& uid) {
-  lastNews_ = std::chrono::steady_clock::now();
-  if (followed_.count(uid)) followed_[uid].outcome = Outcome::StoppedDueToErrors;
-  if (json_) {
+  lastNews_ = engine_ ? engine_->now() : 0;
+  if (!followed_.count(uid)) return;
+  followed_[uid].stopSeen = true;
+  pollSoon_ = true;
+  if (output_.json) {
     out_ << Json::object().set("event", "stoppedDueToErrorsForBackup").set("uid", uid).dump() << "\n" << std::flush;
   } else {
-    endProgressLine();
-    err_ << "The backup " << uid << " was stopped after too many errors in a row\n" << std::flush;
+    endLine();
+    err_ << "skerrowctl: the engine stopped the backup " << uid.substr(0, 8)
+         << " after too many failed copies in a row\n"
+         << std::flush;
   }
 }
 

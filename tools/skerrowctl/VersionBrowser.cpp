@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -180,6 +181,12 @@ std::vector<StoredVersion> VersionBrowser::versionsOf(const HomeRelativePath& fi
     v.modificationTime = a.modificationTime;
     v.accessTime = a.accessTime;
     if (a.creationSource == platform::FileAttributes::CreationSource::StoredAttribute) v.creationTime = a.creationTime;
+    v.uid = a.uid;
+    v.gid = a.gid;
+    // When the copy was made: its own birth time on the disk.
+    platform::FileAttributes own;
+    if (folder->attributesOf(entry, &own, false) && own.creationSource == platform::FileAttributes::CreationSource::BirthTime)
+      v.storedTime = own.creationTime;
     v.isSymbolicLink = a.isSymbolicLink();
     v.fileName = entry;
     v.path = join(folderPath, entry);
@@ -190,6 +197,94 @@ std::vector<StoredVersion> VersionBrowser::versionsOf(const HomeRelativePath& fi
   });
   if (found.empty()) noVersions();
   return found;
+}
+
+bool VersionBrowser::copyStored(const std::string& backupFolder, const std::string& storedRelative,
+                                const std::string& root, const std::string& folder, const std::string& name,
+                                bool overwrite, const std::string& what, VersionError* error) {
+  const std::string destinationPath = join(join(root, folder), name);
+  // Checked first so that nothing is copied in vain; the rename checks again.
+  platform::FileAttributes existing;
+  if (platform::FileManager::attributesAtPath(destinationPath, &existing)) {
+    if (existing.isDirectory()) {
+      fail(error, VersionErrorKind::DestinationExists,
+           "A folder stands at " + destinationPath + "; a restore never replaces a folder");
+      return false;
+    }
+    if (!overwrite) {
+      fail(error, VersionErrorKind::DestinationExists,
+           destinationPath + " already exists; it is replaced only when overwriting is asked for");
+      return false;
+    }
+  }
+  const std::string temp = temporaryName();
+  platform::CopyOptions copyOptions;
+  copyOptions.setCreationDate = true;
+  copyOptions.setModificationDate = true;
+  copyOptions.deleteDestinationFirst = false;
+  copyOptions.deleteDestinationIfError = true;
+  copyOptions.syncData = true;
+  platform::FileError copyError;
+  if (!platform::FileCopier::copyBeneath(backupFolder, storedRelative, root, join(folder, temp), copyOptions,
+                                         &copyError)) {
+    fail(error, VersionErrorKind::IOError, "Unable to restore " + what + ": " + copyError.localizedFailureReason());
+    return false;
+  }
+
+  platform::FileDescriptor rootFd(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  platform::FileDescriptor folderFd(rootFd ? openBeneath(rootFd.get(), folder, O_RDONLY | O_DIRECTORY) : -1);
+  if (!folderFd) {
+    const int code = errno;
+    platform::FileCopier::removeItemBeneath(root, join(folder, temp));
+    failWithSystemError(error, code, join(root, folder), "Unable to open");
+    return false;
+  }
+  if (const int code = renameIntoPlace(folderFd.get(), temp, name, overwrite)) {
+    platform::FileManager::removeItemAt(folderFd.get(), temp);
+    if (code == EEXIST)
+      fail(error, VersionErrorKind::DestinationExists,
+           destinationPath + " already exists; it is replaced only when overwriting is asked for");
+    else if (code == EISDIR || code == ENOTEMPTY)
+      fail(error, VersionErrorKind::DestinationExists,
+           "A folder stands at " + destinationPath + "; a restore never replaces a folder");
+    else
+      failWithSystemError(error, code, destinationPath, "Unable to restore " + what + " to");
+    return false;
+  }
+  return true;
+}
+
+bool VersionBrowser::makeFoldersBeneath(const std::string& root, const std::string& relative, uint32_t mode,
+                                        VersionError* error) {
+  platform::FileDescriptor current(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!current) {
+    failWithSystemError(error, errno, root, "Unable to open");
+    return false;
+  }
+  std::string path = root;
+  size_t start = 0;
+  while (start < relative.size()) {
+    size_t end = relative.find('/', start);
+    if (end == std::string::npos) end = relative.size();
+    const std::string part = relative.substr(start, end - start);
+    start = end + 1;
+    if (part.empty() || part == ".") continue;
+    path = join(path, part);
+    int next = openBeneath(current.get(), part, O_PATH | O_DIRECTORY);
+    if (next < 0 && errno == ENOENT) {
+      if (::mkdirat(current.get(), part.c_str(), mode & 07777) != 0 && errno != EEXIST) {
+        failWithSystemError(error, errno, path, "Unable to create the folder");
+        return false;
+      }
+      next = openBeneath(current.get(), part, O_PATH | O_DIRECTORY);
+    }
+    if (next < 0) {
+      failWithSystemError(error, errno, path, "Unable to open the folder");
+      return false;
+    }
+    current = platform::FileDescriptor(next);
+  }
+  return true;
 }
 
 std::optional<RestoredVersion> VersionBrowser::restore(const std::string& path, const RestoreOptions& options,
@@ -235,57 +330,9 @@ std::optional<RestoredVersion> VersionBrowser::restore(const std::string& path, 
   }
   const std::string destinationPath = join(join(root, folder), name);
 
-  // Checked first so that nothing is copied in vain; the rename checks again.
-  platform::FileAttributes existing;
-  if (platform::FileManager::attributesAtPath(destinationPath, &existing)) {
-    if (existing.isDirectory()) {
-      fail(report, VersionErrorKind::DestinationExists,
-           "A folder stands at " + destinationPath + "; a restore never replaces a folder");
-      return std::nullopt;
-    }
-    if (!options.overwrite) {
-      fail(report, VersionErrorKind::DestinationExists,
-           destinationPath + " already exists; it is replaced only when overwriting is asked for");
-      return std::nullopt;
-    }
-  }
-
-  const std::string temp = temporaryName();
-  const std::string restoring = "version " + numberText(chosen->index) + " of " + file->path();
-  platform::CopyOptions copyOptions;
-  copyOptions.setCreationDate = true;
-  copyOptions.setModificationDate = true;
-  copyOptions.deleteDestinationFirst = false;
-  copyOptions.deleteDestinationIfError = true;
-  copyOptions.syncData = true;
-  platform::FileError copyError;
-  if (!platform::FileCopier::copyBeneath(backupFolder_, join(file->folder(), chosen->fileName), root,
-                                         join(folder, temp), copyOptions, &copyError)) {
-    fail(report, VersionErrorKind::IOError, "Unable to restore " + restoring + ": " +
-                                                copyError.localizedFailureReason());
+  if (!copyStored(backupFolder_, join(file->folder(), chosen->fileName), root, folder, name, options.overwrite,
+                  "version " + numberText(chosen->index) + " of " + file->path(), report))
     return std::nullopt;
-  }
-
-  platform::FileDescriptor rootFd(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  platform::FileDescriptor folderFd(rootFd ? openBeneath(rootFd.get(), folder, O_RDONLY | O_DIRECTORY) : -1);
-  if (!folderFd) {
-    const int code = errno;
-    platform::FileCopier::removeItemBeneath(root, join(folder, temp));
-    failWithSystemError(report, code, join(root, folder), "Unable to open");
-    return std::nullopt;
-  }
-  if (const int code = renameIntoPlace(folderFd.get(), temp, name, options.overwrite)) {
-    platform::FileManager::removeItemAt(folderFd.get(), temp);
-    if (code == EEXIST)
-      fail(report, VersionErrorKind::DestinationExists,
-           destinationPath + " already exists; it is replaced only when overwriting is asked for");
-    else if (code == EISDIR || code == ENOTEMPTY)
-      fail(report, VersionErrorKind::DestinationExists,
-           "A folder stands at " + destinationPath + "; a restore never replaces a folder");
-    else
-      failWithSystemError(report, code, destinationPath, "Unable to restore " + restoring + " to");
-    return std::nullopt;
-  }
   *report = VersionError{};
   return RestoredVersion{*chosen, destinationPath};
 }

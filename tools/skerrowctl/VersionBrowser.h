@@ -119,6 +119,19 @@ class VersionBrowser {
   std::optional<RestoredVersion> restore(const std::string& path, const RestoreOptions& options,
                                          VersionError* error = nullptr) const;
 
+  // The copy at the heart of a restore: the stored copy `storedRelative`
+  // (below `backupFolder`) becomes `name` in the folder `folder` below the
+  // trusted `root` (which must exist and is reached without links), as
+  // `restore` describes; `what` names it in messages.  False with `error`
+  // set when it cannot.
+  static bool copyStored(const std::string& backupFolder, const std::string& storedRelative, const std::string& root,
+                         const std::string& folder, const std::string& name, bool overwrite, const std::string& what,
+                         VersionError* error);
+  // Makes the folders of `relative` below `root` that are missing, with
+  // `mode`, one at a time and never through a link or onto another mount.
+  static bool makeFoldersBeneath(const std::string& root, const std::string& relative, uint32_t mode,
+                                 VersionError* error);
+
  private:
   std::string backupFolder_;
   std::string home_;

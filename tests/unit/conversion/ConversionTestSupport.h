@@ -65,7 +65,7 @@ class RecordingConversionDelegate : public QSBackupConverterDelegate {
 
 // The shipped black list, whatever another test installed before.
 inline void useShippedBlackList() {
-  const auto shipped = platform::PropertyList::readFile(QSBlackList::settingsFilePath());
+  const auto shipped = platform::PropertyList::readFile(QSBlackList::defaultSettingsFilePath());
   QSBlackList::initializeWithInfoDictionary(shipped && shipped->isDictionary() ? *shipped->asDictionary()
                                                                             : platform::Dictionary());
 }

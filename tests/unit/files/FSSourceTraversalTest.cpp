@@ -33,7 +33,7 @@ class ShippedListScope {
   ShippedListScope() { restore(); }
   ~ShippedListScope() { restore(); }
   static void restore() {
-    auto shipped = platform::PropertyList::readFile(QSBlackList::settingsFilePath());
+    auto shipped = platform::PropertyList::readFile(QSBlackList::defaultSettingsFilePath());
     QSBlackList::initializeWithInfoDictionary(shipped && shipped->isDictionary() ? *shipped->asDictionary()
                                                                                  : platform::Dictionary());
   }

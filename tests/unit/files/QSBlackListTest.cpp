@@ -2,10 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <random>
 
 #include "platform/Log.h"
 #include "platform/PropertyList.h"
+#include "tests/support/TempDir.h"
 
 using platform::Array;
 using platform::Dictionary;
@@ -24,7 +28,7 @@ Dictionary settings(Array extensions, Array files, Array suffixes) {
 // Puts the shipped list back for the tests that follow.
 struct RestoreShippedList {
   ~RestoreShippedList() {
-    auto shipped = platform::PropertyList::readFile(QSBlackList::settingsFilePath());
+    auto shipped = platform::PropertyList::readFile(QSBlackList::defaultSettingsFilePath());
     QSBlackList::initializeWithInfoDictionary(shipped && shipped->isDictionary() ? *shipped->asDictionary() : Dictionary());
   }
 };
@@ -92,8 +96,8 @@ TEST(QSBlackListTest, AnItemThatDoesNotCompileIsLeftOutAndLogged) {
 
 // The defaults shipped in data/Info.plist, found beside the executable's folder.
 TEST(QSBlackListTest, ShippedDefaultsCatchCachesAndTemporariesButNoRealDocument) {
-  auto shipped = platform::PropertyList::readFile(QSBlackList::settingsFilePath());
-  ASSERT_TRUE(shipped && shipped->isDictionary()) << QSBlackList::settingsFilePath();
+  auto shipped = platform::PropertyList::readFile(QSBlackList::defaultSettingsFilePath());
+  ASSERT_TRUE(shipped && shipped->isDictionary()) << QSBlackList::defaultSettingsFilePath();
   QSBlackList::initializeWithInfoDictionary(*shipped->asDictionary());
   for (const char* name : {".DS_Store", "Thumbs.db", ".directory", ".xsession-errors", ".xsession-errors.old",
                            ".Xauthority", ".ICEauthority", "x.tmp", ".notes.txt.swp", ".a.swo", "film.mkv.part",
@@ -117,7 +121,7 @@ TEST(QSBlackListTest, ShippedDefaultsCatchCachesAndTemporariesButNoRealDocument)
 TEST(QSBlackListTest, ShortcutsAgreeWithTheFullExpressions) {
   RestoreShippedList restore;
   const std::vector<Dictionary> lists = {
-      *platform::PropertyList::readFile(QSBlackList::settingsFilePath())->asDictionary(),
+      *platform::PropertyList::readFile(QSBlackList::defaultSettingsFilePath())->asDictionary(),
       settings({Value("tmp"), Value("a.b")}, {Value("x[0-9]"), Value("\\.DS_Store")}, {Value("/a+b/c"), Value("/x|/y")}),
       settings({}, {}, {}),
       settings({Value("")}, {Value("q")}, {Value("/\\.cache(/.*)?"), Value("/snap/[^/]+/\\.cache")}),
@@ -139,4 +143,87 @@ TEST(QSBlackListTest, ShortcutsAgreeWithTheFullExpressions) {
           << QSBlackList::pathSuffixPattern() << " on " << text;
     }
   }
+}
+
+// Where the settings come from: the administrator's file first, the shipped
+// defaults when it is missing or unreadable.
+namespace {
+
+std::string settingsText(const std::string& extension) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict><key>QSBlackList</key><dict>"
+         "<key>QSFileExtensions</key><array><string>" + extension + "</string></array>"
+         "</dict></dict></plist>\n";
+}
+
+}  // namespace
+
+TEST(QSBlackListSettingsTest, TheAdministratorsFileIsReadBeforeTheShippedDefaults) {
+  RestoreShippedList restore;
+  skerrow_test::TempDir dir;
+  const std::string etc = dir.write("etc/skerrow/Info.plist", settingsText("iso"));
+  const std::string shipped = dir.write("share/skerrow/Info.plist", settingsText("tmp"));
+  platform::LogCapture log;
+  EXPECT_EQ(QSBlackList::initializeFromSettingsFiles({etc, shipped}), etc);
+  EXPECT_TRUE(QSBlackList::isFilenameBlacklisted("disk.iso"));
+  EXPECT_FALSE(QSBlackList::isFilenameBlacklisted("a.tmp"));  // the whole file wins, not a merge
+  EXPECT_TRUE(log.contains("Black list settings from " + etc));
+}
+
+TEST(QSBlackListSettingsTest, WithoutTheAdministratorsFileTheShippedDefaultsAreRead) {
+  RestoreShippedList restore;
+  skerrow_test::TempDir dir;
+  const std::string shipped = dir.write("share/skerrow/Info.plist", settingsText("tmp"));
+  EXPECT_EQ(QSBlackList::initializeFromSettingsFiles({dir / "etc/skerrow/Info.plist", shipped}), shipped);
+  EXPECT_TRUE(QSBlackList::isFilenameBlacklisted("a.tmp"));
+}
+
+TEST(QSBlackListSettingsTest, AnUnreadableAdministratorsFileIsPassedOverAndLogged) {
+  RestoreShippedList restore;
+  skerrow_test::TempDir dir;
+  const std::string etc = dir.write("etc/skerrow/Info.plist", "<plist><dict><key>QSBlackList</key>");  // cut short
+  const std::string shipped = dir.write("share/skerrow/Info.plist", settingsText("tmp"));
+  platform::LogCapture log;
+  EXPECT_EQ(QSBlackList::initializeFromSettingsFiles({etc, shipped}), shipped);
+  EXPECT_TRUE(QSBlackList::isFilenameBlacklisted("a.tmp"));
+  EXPECT_TRUE(log.contains("The settings at " + etc + " cannot be read as a property list; they are passed over"));
+}
+
+TEST(QSBlackListSettingsTest, AnAdministratorsFileThatIsNotADictionaryIsPassedOver) {
+  RestoreShippedList restore;
+  skerrow_test::TempDir dir;
+  const std::string etc = dir.write("Info.plist", "<?xml version=\"1.0\"?><plist version=\"1.0\"><array/></plist>");
+  const std::string shipped = dir.write("defaults.plist", settingsText("part"));
+  EXPECT_EQ(QSBlackList::initializeFromSettingsFiles({etc, shipped}), shipped);
+  EXPECT_TRUE(QSBlackList::isFilenameBlacklisted("film.part"));
+}
+
+TEST(QSBlackListSettingsTest, WithNoSettingsFileTheListIsEmptyAndTheLogSaysSo) {
+  RestoreShippedList restore;
+  skerrow_test::TempDir dir;
+  platform::LogCapture log;
+  EXPECT_EQ(QSBlackList::initializeFromSettingsFiles({dir / "none.plist", dir / "neither.plist"}), "");
+  EXPECT_TRUE(log.contains("No settings file found: the black list is empty"));
+  EXPECT_FALSE(QSBlackList::isFilenameBlacklisted("a.tmp"));
+  EXPECT_FALSE(QSBlackList::isPathSuffixBlacklisted("/.cache"));
+}
+
+TEST(QSBlackListSettingsTest, TheAdministratorsFileLiesInTheConfigurationFolderBelowSkerrowRoot) {
+  const char* saved = std::getenv("SKERROW_ROOT");
+  const std::string before = saved ? saved : "";
+  ::unsetenv("SKERROW_ROOT");
+  EXPECT_EQ(QSBlackList::administratorSettingsFilePath(), SKERROW_TEST_SYSCONFDIR "/skerrow/Info.plist");
+  ::setenv("SKERROW_ROOT", "/tmp/skerrow-root", 1);
+  EXPECT_EQ(QSBlackList::administratorSettingsFilePath(), "/tmp/skerrow-root" SKERROW_TEST_SYSCONFDIR "/skerrow/Info.plist");
+  if (saved) ::setenv("SKERROW_ROOT", before.c_str(), 1);
+  else ::unsetenv("SKERROW_ROOT");
+}
+
+// The shipped defaults file is the one in this source tree's data/ folder.
+TEST(QSBlackListSettingsTest, TheShippedDefaultsAreTheSourceTreesSettings) {
+  std::ifstream built(QSBlackList::defaultSettingsFilePath()), source(SKERROW_SOURCE_DIR "/data/Info.plist");
+  std::stringstream a, b;
+  a << built.rdbuf();
+  b << source.rdbuf();
+  EXPECT_FALSE(a.str().empty());
+  EXPECT_EQ(a.str(), b.str());
 }

@@ -22,7 +22,7 @@ int64_t sourceBytes(const QSTally& t, const char* category) {
 }  // namespace
 
 TEST(QSSourceTreeBuilderTest, BuildsTheTreeBelowARootNamedSlashAndCountsEachFileInItsCategories) {
-  auto shipped = platform::PropertyList::readFile(QSBlackList::settingsFilePath());
+  auto shipped = platform::PropertyList::readFile(QSBlackList::defaultSettingsFilePath());
   ASSERT_TRUE(shipped);
   QSBlackList::initializeWithInfoDictionary(*shipped->asDictionary());
   skerrow_test::TempDir dir;

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "tests/support/DeepPropertyLists.h"
 #include "tests/support/TempDir.h"
 
 using platform::Array;
@@ -133,6 +134,8 @@ TEST(PropertyListTest, CorruptAndTruncatedBytesReadAsNothing) {
     EXPECT_FALSE(v.has_value() && *v == everyKind()) << cut;
   }
   for (size_t cut = 0; cut < xml.size(); cut += 13) {
+    // A cut that drops only the closing white space leaves the whole list.
+    if (xml.find_first_not_of(" \t\r\n", cut) == std::string::npos) continue;
     auto v = PropertyList::fromBytes(xml.substr(0, cut));
     EXPECT_FALSE(v.has_value() && *v == everyKind()) << cut;
   }
@@ -201,4 +204,67 @@ TEST(PropertyListTest, MissingOrTruncatedFileReadsAsNothing) {
 TEST(PropertyListTest, WriteIntoMissingFolderFails) {
   skerrow_test::TempDir dir;
   EXPECT_FALSE(PropertyList::writeFile(dir / "no/such/folder/x.plist", everyKind()));
+}
+
+TEST(PropertyListTest, XMLNestingWithWhiteSpaceInTheTagsReadsAsNothingWithTheReason) {
+  for (const std::string afterName : {"\n>", "\t>", "\r>", " >"}) {
+    std::string why;
+    EXPECT_FALSE(PropertyList::fromBytes(skerrow_test::deepXmlPropertyList(100000, afterName)).has_value());
+    const std::string deep = skerrow_test::deepXmlPropertyList(100000, afterName);
+    EXPECT_FALSE(PropertyList::fromBytes(deep.data(), deep.size(), &why).has_value());
+    EXPECT_EQ(why, "nests arrays or dictionaries deeper than 256 levels");
+  }
+}
+
+TEST(PropertyListTest, BinaryNestingAHundredThousandOrAMillionLevelsDeepReadsAsNothing) {
+  for (size_t levels : {300u, 100000u, 1000000u}) {
+    const std::string deep = skerrow_test::deepBinaryPropertyList(levels);
+    std::string why;
+    EXPECT_FALSE(PropertyList::fromBytes(deep.data(), deep.size(), &why).has_value()) << levels;
+    EXPECT_EQ(why, "nests arrays or dictionaries deeper than 256 levels") << levels;
+  }
+}
+
+TEST(PropertyListTest, BinaryNestingWithinTheLimitReads) {
+  const std::string fine = skerrow_test::deepBinaryPropertyList(200);
+  const auto value = PropertyList::fromBytes(fine);
+  ASSERT_TRUE(value.has_value());
+  size_t levels = 0;
+  for (const Value* v = &*value; v && v->asArray(); v = v->asArray()->empty() ? nullptr : &v->asArray()->front())
+    ++levels;
+  EXPECT_EQ(levels, 200u);
+}
+
+TEST(PropertyListTest, ABinaryReferenceCycleReadsAsNothing) {
+  const std::string cycle = skerrow_test::deepBinaryPropertyList(3, true);
+  std::string why;
+  EXPECT_FALSE(PropertyList::fromBytes(cycle.data(), cycle.size(), &why).has_value());
+  EXPECT_EQ(why, "nests arrays or dictionaries deeper than 256 levels");
+}
+
+TEST(PropertyListTest, TheDistantPastIsWrittenAsFoundationWritesItAndReadsBackAsTheDistantPast) {
+  const Value value(Dictionary{{"completion-date", Value(Date::distantPast())}});
+  const auto xml = PropertyList::toBytes(value, PropertyList::Format::XML);
+  ASSERT_TRUE(xml.has_value());
+  EXPECT_NE(xml->find("<date>0001-01-01T00:00:00Z</date>"), std::string::npos) << *xml;
+  const auto back = PropertyList::fromBytes(*xml);
+  ASSERT_TRUE(back.has_value());
+  EXPECT_EQ(*back->asDictionary()->find("completion-date")->asDate(), Date::distantPast());
+}
+
+TEST(PropertyListTest, TheDistantPastAsEarlierVersionsWroteItStillReads) {
+  const std::string old =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+      "\t<key>completion-date</key>\n\t<date>0-12-30T00:00:00Z</date>\n</dict>\n</plist>\n";
+  const auto value = PropertyList::fromBytes(old);
+  ASSERT_TRUE(value.has_value());
+  EXPECT_EQ(*value->asDictionary()->find("completion-date")->asDate(), Date::distantPast());
+}
+
+TEST(PropertyListTest, AFifoWhereAFileShouldBeReadsAsNothingAtOnce) {
+  skerrow_test::TempDir dir;
+  ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+  std::string why;
+  EXPECT_FALSE(PropertyList::readFile(dir / "fifo", &why).has_value());
+  EXPECT_EQ(why, "could not be opened (Invalid argument)");
 }

@@ -94,6 +94,24 @@ TEST_F(ServiceTest, StartManagingMakesTheFoldersTheMetadataAndTheEntry) {
   EXPECT_NE(f.server->secondStage()->environmentForUID(uid), nullptr);
 }
 
+// The engine's unit runs it with umask 0077; users must still reach their
+// own backup folders through the disk's shared storage folder.
+TEST_F(ServiceTest, TheStorageFolderIsReadableByEveryoneWhateverTheUmask) {
+  const auto service = serviceFor("ann");
+  const mode_t before = ::umask(0077);
+  bool ok = false;
+  const std::string uid = service->startManagingVolumeWithBSDName_didSucceed("sdb1", &ok);
+  ::umask(before);
+  ASSERT_TRUE(ok);
+  struct stat st;
+  ASSERT_EQ(::lstat(ServerFixture::storage(disk).c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0755u);
+  ASSERT_EQ(::lstat((ServerFixture::storage(disk) + "/" + uid).c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0700u);
+  ASSERT_EQ(::lstat((ServerFixture::storage(disk) + "/" + uid + "/" + kMetadataFileName).c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0444, 0444u) << "the backup's metadata must stay readable by its user";
+}
+
 TEST_F(ServiceTest, ANewBackupIsPersistentUnscheduledWithPeriodZeroAndDepthZero) {
   const auto service = serviceFor("ann");
   const std::string uid = service->startManagingVolumeWithBSDName("sdb1");

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "tools/skerrowctl/Commands.h"
+#include "tools/skerrowctl/ExitStatus.h"
 #include "tools/skerrowctl/Json.h"
 
 namespace {
@@ -39,15 +40,64 @@ TEST(SkerrowctlCommandLineTest, MistakesAreRefusedWithAReason) {
   EXPECT_FALSE(parse({"explode"}, &error));
   EXPECT_EQ(error, "unknown command \"explode\"");
   EXPECT_FALSE(parse({"versions"}, &error));
-  EXPECT_EQ(error, "\"versions\" needs more arguments");
+  EXPECT_EQ(error, "\"versions\" needs more arguments: versions PATH [--backup UID]");
   EXPECT_FALSE(parse({"cancel", "a", "b"}, &error));
-  EXPECT_EQ(error, "\"cancel\" takes fewer arguments");
+  EXPECT_NE(error.find("b"), std::string::npos) << error;
   EXPECT_FALSE(parse({"list", "--overwrite"}, &error));
-  EXPECT_EQ(error, "\"list\" has no option --overwrite");
+  EXPECT_NE(error.find("--overwrite"), std::string::npos) << error;
   EXPECT_FALSE(parse({"restore", "a", "--to"}, &error));
-  EXPECT_EQ(error, "--to needs a value");
+  EXPECT_NE(error.find("--to"), std::string::npos) << error;
   EXPECT_FALSE(parse({"--max-errors", "many", "list"}, &error));
+  EXPECT_EQ(error, "--max-errors needs a whole number, not \"many\"");
   EXPECT_FALSE(parse({"--frobnicate", "list"}, &error));
+  EXPECT_NE(error.find("--frobnicate"), std::string::npos) << error;
+}
+
+TEST(SkerrowctlCommandLineTest, GlobalOptionsMayFollowTheCommand) {
+  std::string error;
+  const auto line = parse({"list", "--json", "--user", "ann"}, &error);
+  ASSERT_TRUE(line) << error;
+  EXPECT_TRUE(line->json);
+  EXPECT_EQ(line->user, "ann");
+  EXPECT_STREQ(line->command->name, "list");
+  const auto mixed = parse({"backup", "5E4B", "--max-errors", "7", "--tally"}, &error);
+  ASSERT_TRUE(mixed) << error;
+  EXPECT_EQ(mixed->maximumErrors, 7u);
+  EXPECT_EQ(mixed->arguments, std::vector<std::string>{"5E4B"});
+  EXPECT_TRUE(mixed->has("--tally"));
+}
+
+TEST(SkerrowctlCommandLineTest, TheEnginesOwnErrorLimitIsAskedUnlessToldOtherwise) {
+  std::string error;
+  const auto line = parse({"backup"}, &error);
+  ASSERT_TRUE(line) << error;
+  EXPECT_EQ(line->maximumErrors, 100u);
+  const auto never = parse({"--max-errors", "0", "backup"}, &error);
+  ASSERT_TRUE(never) << error;
+  EXPECT_EQ(never->maximumErrors, 0u);
+}
+
+TEST(SkerrowctlCommandLineTest, AValueMayBeJoinedToItsOptionWithAnEqualsSign) {
+  std::string error;
+  const auto line = parse({"restore", "Documents", "--at=2025-01-31", "--to=/tmp/r"}, &error);
+  ASSERT_TRUE(line) << error;
+  EXPECT_EQ(line->value("--at"), "2025-01-31");
+  EXPECT_EQ(line->value("--to"), "/tmp/r");
+}
+
+TEST(SkerrowctlCommandLineTest, MistakesWithJsonAreReportedAsJson) {
+  std::ostringstream out, err;
+  EXPECT_EQ(skerrowctl::run({"list", "--json", "--frobnicate"}, out, err), 2);
+  EXPECT_EQ(err.str(), "");
+  EXPECT_EQ(out.str().rfind("{\"error\":", 0), 0u) << out.str();
+  EXPECT_NE(out.str().find("\"status\":2}"), std::string::npos) << out.str();
+}
+
+TEST(SkerrowctlCommandLineTest, HelpListsEveryExitStatus) {
+  std::ostringstream out, err;
+  EXPECT_EQ(skerrowctl::run({"--help"}, out, err), 0);
+  for (const auto& status : skerrowctl::kExitStatusTexts)
+    EXPECT_NE(out.str().find(status.meaning), std::string::npos) << status.status;
 }
 
 TEST(SkerrowctlCommandLineTest, DoubleDashEndsOptionsSoPathsMayStartWithDashes) {
@@ -82,6 +132,38 @@ TEST(SkerrowctlJsonTest, WritesEscapedStringsNumbersAndNestedValuesInOrder) {
             "{\"name\":\"a \\\"quoted\\\"\\\\ line\\nwith\\ttabs\\u0001\",\"count\":-3,\"ratio\":0.5,"
             "\"missing\":null,\"ok\":true,\"list\":[1,\"two\"]}");
   EXPECT_EQ(Json(1.0 / 0.0).dump(), "null");
+}
+
+}  // namespace
+
+namespace {
+
+TEST(SkerrowctlVersionTest, VersionPrintsTheProjectVersionAndNothingElse) {
+  std::ostringstream out, err;
+  EXPECT_EQ(skerrowctl::run({"--version"}, out, err), 0);
+  EXPECT_EQ(out.str(), std::string("skerrowctl ") + SKERROW_EXPECTED_VERSION + "\n");
+  EXPECT_EQ(err.str(), "");
+}
+
+TEST(SkerrowctlVersionTest, VersionWinsOverACommandWithoutReachingTheEngine) {
+  std::ostringstream out, err;
+  // "list" would need the engine; --version answers before any bus is opened.
+  EXPECT_EQ(skerrowctl::run({"--json", "--version", "list"}, out, err), 0);
+  EXPECT_EQ(out.str(), std::string("skerrowctl ") + SKERROW_EXPECTED_VERSION + "\n");
+}
+
+TEST(SkerrowctlVersionTest, RestoresVersionOptionIsNotTheGlobalOne) {
+  std::string error;
+  const auto line = CommandLine::parse({"restore", "a.txt", "--version", "3"}, skerrowctl::commandTable(), &error);
+  ASSERT_TRUE(line) << error;
+  EXPECT_FALSE(line->version);
+  EXPECT_EQ(line->value("--version"), "3");
+}
+
+TEST(SkerrowctlVersionTest, UsageListsVersion) {
+  std::ostringstream out, err;
+  EXPECT_EQ(skerrowctl::run({"--help"}, out, err), 0);
+  EXPECT_NE(out.str().find("--version"), std::string::npos);
 }
 
 }  // namespace
