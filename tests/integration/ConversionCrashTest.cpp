@@ -149,10 +149,33 @@ class ConversionCrash {
   }
 
   // After an interruption: nothing lost or doubled, nothing half written.
-  void expectNothingLost(const std::string& round) const {
+  void expectNothingLost(const std::string& round) {
     const LegacyCheck check = checkLegacyVersions(disk.mountPoint(), manifest);
     EXPECT_TRUE(check.nothingLost()) << round << ": " << check.summary();
+    ++totals.interruptions;
+    totals.versions += check.versions;
+    totals.lost += check.lost;
+    totals.duplicated += check.duplicated;
+    totals.misplaced += check.misplaced;
+    totals.unreadableLists += check.unreadableLists;
   }
+
+  // What the checks right after the interruptions of a test found, summed.
+  struct Totals {
+    size_t interruptions = 0;
+    size_t versions = 0;
+    size_t lost = 0;
+    size_t duplicated = 0;
+    size_t misplaced = 0;
+    size_t unreadableLists = 0;
+  };
+  std::string totalsLine() const {
+    return std::to_string(totals.interruptions) + " interruption(s), " + std::to_string(totals.versions) +
+           " versions checked right after them: " + std::to_string(totals.lost) + " lost, " +
+           std::to_string(totals.duplicated) + " duplicated, " + std::to_string(totals.misplaced) + " misplaced, " +
+           std::to_string(totals.unreadableLists) + " half-written information lists or state files";
+  }
+  Totals totals;
 
   EngineFixture f;
   const TestUser& ann;
@@ -204,6 +227,7 @@ TEST(ConversionCrash, KilledAtRandomMomentsEveryRunEndsConvertedWithoutLosingAFi
   }
   for (const auto& [count, rounds] : starts)
     std::cout << rounds << " round(s) converted after " << count << " more start(s)" << std::endl;
+  std::cout << crash.totalsLine() << std::endl;
 }
 
 TEST(ConversionCrash, KilledAtEveryRenameOfTheDriverEveryRunEndsConverted) {
@@ -231,6 +255,7 @@ TEST(ConversionCrash, KilledAtEveryRenameOfTheDriverEveryRunEndsConverted) {
       std::cout << name << ": converted after " << starts << " start(s) of the engine" << std::endl;
     }
   }
+  std::cout << crash.totalsLine() << std::endl;
 }
 
 TEST(ConversionCrash, DiskPulledAtRandomMomentsAndPluggedInAgainEveryRunEndsConverted) {
