@@ -14,7 +14,7 @@ scripts/install-deps.sh --fuzz
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DSKERROW_FUZZ=ON -DSKERROW_TESTS=OFF >/dev/null
 cmake --build build-fuzz -j "$(nproc)"
 
-for target in parse_file_name property_list; do
+for target in parse_file_name property_list fanotify_records; do
   scratch="build-fuzz/corpus/$target"
   mkdir -p "$scratch"
   echo "== fuzz_$target: $seconds s"
