@@ -15,6 +15,8 @@ namespace {
 constexpr double kRedrawInterval = 0.25;        // the line moves four times a second
 constexpr double kProgressEventInterval = 1.0;  // JSON progress: at most once a second
 constexpr double kPollInterval = 1.0;           // the engine is asked for the outcome each second
+constexpr double kEndPollInterval = 0.05;       // and more often once the run's last callback came:
+                                                // the outcome follows within moments (the final sync)
 constexpr double kRateWindow = 5.0;             // the copy rate is measured over the last seconds
 
 bool startsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
@@ -96,8 +98,10 @@ void BackupFollower::tick() {
   }
   if (pollSoon_ || now >= nextPoll_) {
     pollSoon_ = false;
-    nextPoll_ = now + kPollInterval;
     pollOutcomes();
+    bool ending = false;
+    for (const auto& [uid, followed] : followed_) ending = ending || (followed.lastCallbackSeen && !followed.outcome);
+    nextPoll_ = now + (ending ? kEndPollInterval : kPollInterval);
   }
 }
 
