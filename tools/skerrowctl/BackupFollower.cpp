@@ -64,7 +64,8 @@ bool BackupFollower::follow(std::chrono::seconds idle, const volatile int* inter
     double next = nextPoll_;
     if (current_ && !current_->finished) next = std::min({next, nextRedraw_, output_.json ? nextProgressEvent_ : next});
     const double wait = std::clamp(next - now, 0.0, kRedrawInterval);
-    engine_->serve(std::chrono::milliseconds(static_cast<int64_t>(wait * 1000)),
+    // Rounded up: a wait cut short of the next deadline would only spin.
+    engine_->serve(std::chrono::milliseconds(static_cast<int64_t>(std::ceil(wait * 1000))),
                    [&] { return pollSoon_ || stop(); });
     tick();
   }
