@@ -240,6 +240,7 @@ bool FanotifyEventSource::readEvents(std::vector<FileSystemEvent>* events) {
 
 std::vector<FileSystemEvent> FanotifyEventSource::decodeRecords(const char* buffer, size_t length, uint64_t device) {
   FanotifyEventSource source(Options{.ignoreOwnProcess = false});
+  source.ownsEventDescriptors_ = false;
   Group group;  // no mount: every folder is unknown, and so outside
   group.device = device;
   std::vector<FileSystemEvent> events;
@@ -305,7 +306,8 @@ void FanotifyEventSource::decode(Group& group, const char* buffer, size_t length
     if (meta.event_len < sizeof meta || offset + meta.event_len > length) return;
     const char* record = buffer + offset;
     offset += meta.event_len;
-    if (meta.fd >= 0) ::close(meta.fd);
+    // Reports by handle carry no descriptor (FAN_NOFD); one that does is closed.
+    if (meta.fd >= 0 && ownsEventDescriptors_) ::close(meta.fd);
     if (meta.vers != FANOTIFY_METADATA_VERSION) {
       undecodable(static_cast<int64_t>(meta.mask));
       return;

@@ -60,7 +60,8 @@ class FanotifyEventSource : public FileSystemEventSource {
 
   // Decodes a buffer laid out as the kernel's reads are, for a file system
   // with device `device` and no watched subtree (only dropped-events and
-  // undecodable events come out); for tests of malformed input.
+  // undecodable events come out); for tests and fuzzing of malformed input.
+  // The buffer may hold any bytes: no descriptor named in it is closed.
   static std::vector<FileSystemEvent> decodeRecords(const char* buffer, size_t length, uint64_t device);
 
  private:
@@ -77,6 +78,9 @@ class FanotifyEventSource : public FileSystemEventSource {
   void wakeReader();
 
   const Options options_;
+  // Whether the descriptors events carry are this process's to close (false
+  // when decoding bytes that did not come from the kernel).
+  bool ownsEventDescriptors_ = true;
   FileDescriptor wake_;   // an eventfd that ends the reader's wait
   FileDescriptor spare_;  // the group made by open, used by the first file system
   int spareNumber_ = -1;

@@ -120,14 +120,14 @@ sed -e "s|@SOCKET@|$work/bus.socket|" >"$work/bus.conf" <<'EOF'
 </busconfig>
 EOF
 sed -i "s|@POLICY@|$top/data/com.qsc.skerrow.conf|" "$work/bus.conf"
-env "${nss_env[@]}" dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile &
+env "${nss_env[@]}" dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile 2>"$work/dbus.log" &
 bus_pid=$!
 export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$work/bus.socket"
 for _ in $(seq 100); do [ -S "$work/bus.socket" ] && break; sleep 0.05; done
 mkdir -p "$work/root"
 realtime=(-noRealtime)
 [ "$shell" = 1 ] && realtime=()
-env "${nss_env[@]}" SKERROW_ROOT="$work/root" SKERROW_LOG_STDERR=1 "$bin/skerrowd" "${realtime[@]}" 2>"$work/skerrowd.log" &
+env "${nss_env[@]}" SKERROW_ROOT="$work/root" SKERROW_LOG_STDERR=1 "$bin/skerrowd" "${realtime[@]}" >"$work/skerrowd.log" 2>&1 &
 engine_pid=$!
 as_demo() { setpriv --reuid=4242 --regid=4242 --clear-groups env "${nss_env[@]}" HOME="$home" "$bin/skerrowctl" "$@"; }
 for _ in $(seq 100); do as_demo heartbeat >/dev/null 2>&1 && break; sleep 0.1; done

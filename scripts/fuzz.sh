@@ -11,10 +11,15 @@ cd "$(dirname "$0")/.."
 seconds="${1:-30}"
 
 scripts/install-deps.sh --fuzz
-CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DSKERROW_FUZZ=ON -DSKERROW_TESTS=OFF >/dev/null
-cmake --build build-fuzz -j "$(nproc)"
+launcher=()
+if command -v ccache > /dev/null; then  # see scripts/test.sh
+  export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$PWD}" CCACHE_NOHASHDIR="${CCACHE_NOHASHDIR:-1}"
+  launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+fi
+CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DSKERROW_FUZZ=ON -DSKERROW_TESTS=OFF "${launcher[@]}" >/dev/null
+cmake --build build-fuzz -j "$(nproc)" --target fuzz_parse_file_name fuzz_property_list fuzz_fanotify_records fuzz_vessa_state
 
-for target in parse_file_name property_list vessa_state; do
+for target in parse_file_name property_list fanotify_records vessa_state; do
   scratch="build-fuzz/corpus/$target"
   mkdir -p "$scratch"
   echo "== fuzz_$target: $seconds s"

@@ -90,7 +90,7 @@ void QSPerUIDEnvironment::processRealtimeEvent(const FSEvent& event) {
     std::lock_guard<std::mutex> lock(pendingLock_);
     pendingContentChanges_.erase(args.front());
   }
-  if (!destinationPath() || !isScheduled()) return;
+  if (!destinationPath()) return;
   if (args.size() != 1 && args.size() != 2) return;
   const std::string& home = realtimeHome();
   const std::string path = QSPathFilter::normalizedPath(args.back());
@@ -100,6 +100,13 @@ void QSPerUIDEnvironment::processRealtimeEvent(const FSEvent& event) {
   const platform::FileAttributes* known =
       platform::FileManager::attributesAtPath(path, &attributes) ? &attributes : nullptr;
   if (!shouldProceedForPathSuffix_withAttributes(path.substr(home.size()), known)) return;
+  const bool wouldCopy = args.size() == 1 ? event->type() == FSE_CONTENT_MODIFIED : event->type() == FSE_RENAME;
+  if (!isScheduled()) {
+    // A paused backup copies nothing; the next backup after it is scheduled
+    // again finds the change by comparing the home with the backup.
+    if (wouldCopy) platform::Log::format("++++++ not scheduled, not backed up now: %s", path.c_str());
+    return;
+  }
   if (args.size() == 1) {
     if (event->type() == FSE_CONTENT_MODIFIED) copyFile_withAttributes_onlyDoARenameOnLastVersion(path, known, false);
     return;

@@ -203,6 +203,10 @@ TEST_F(ContinuousBackupJourney, ChangesOutsideTheHomeInAnExcludedFolderInAnUnsch
   ASSERT_EQ(paused.status, 0) << paused.output;
   save(home + "/Documents/while-paused.txt", "written while paused");
   save(home + "/Documents/notes.txt", "changed while paused");
+  // Both changes were seen while the backup was paused, before it is active again.
+  for (const char* name : {"while-paused.txt", "notes.txt"})
+    ASSERT_TRUE(engine->waitForLogLine("++++++ not scheduled, not backed up now: " + home + "/Documents/" + name, 30s))
+        << engine->logText();
   const Outcome activated = ctl({"activate"});
   ASSERT_EQ(activated.status, 0) << activated.output;
   ASSERT_TRUE(storeMarker());

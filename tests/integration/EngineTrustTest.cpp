@@ -17,6 +17,7 @@
 #include "tests/support/ClientBus.h"
 #include "tests/support/DeepPropertyLists.h"
 #include "tests/support/JournalDaemon.h"
+#include "tests/support/TempDir.h"
 
 namespace {
 
@@ -152,9 +153,29 @@ TEST(EngineTrustTest, AClientCancellingFromInsideStartedTransferTallyIsAnsweredA
   EXPECT_TRUE(tornOrTemporary(bus.disk->mountPoint() + "/qs skerrow.skstor/" + uid, "", 0).empty());
 }
 
+// The engine's policy without its root-only rules: what the engine itself
+// refuses, as on a bus whose policy lets every call through.
+std::string policyWithoutRootOnlyRules(const skerrow_test::TempDir& dir) {
+  std::ifstream in(SKERROW_POLICY_FILE);
+  std::string policy, line;
+  size_t dropped = 0;
+  while (std::getline(in, line)) {
+    if (line.find("send_member=") != std::string::npos) {
+      ++dropped;
+      continue;
+    }
+    policy += line + "\n";
+  }
+  EXPECT_EQ(dropped, 6u) << "the policy's root-only rules changed";
+  const std::string path = dir.write("policy.conf", policy);
+  fs::permissions(dir.path(), fs::perms(0755));
+  return path;
+}
+
 TEST(EngineTrustTest, EveryServerOperationAsAnUnprivilegedUserChangesNothingItMayNotAndExitLeavesTheEngineRunning) {
   SKIP_WITHOUT_CLIENT_BUS();
-  ClientBus bus;
+  skerrow_test::TempDir policyDir;
+  ClientBus bus("200", "4M", 256ull << 20, policyWithoutRootOnlyRules(policyDir));
   const std::string uid = bus.manage();
   const std::string bsdName = fs::path(bus.disk->loopDevice()).filename().string();
   for (const bool withService : {false, true}) {
@@ -174,6 +195,8 @@ TEST(EngineTrustTest, EveryServerOperationAsAnUnprivilegedUserChangesNothingItMa
     EXPECT_NE(bob.output.find("db2 ok 0"), std::string::npos) << bob.output;
     EXPECT_TRUE(bus.engine->isRunning()) << bus.engine->logText();
   }
+  // The engine itself refused them (this bus's policy let them through).
+  EXPECT_NE(bus.engine->logText().find("Refused exit to uid 1501: it acts on the whole engine"), std::string::npos);
   // Nothing bob asked changed anything: continuous backup, ann's environments and backup are as they were.
   EXPECT_EQ(bus.engine->countLogLines("Disk " + bsdName + " appeared at " + bus.disk->mountPoint() + " (Backup)"),
             1u);
@@ -181,6 +204,26 @@ TEST(EngineTrustTest, EveryServerOperationAsAnUnprivilegedUserChangesNothingItMa
   EXPECT_NE(ann.output.find("db2 ok 1"), std::string::npos) << ann.output;
   EXPECT_NE(bus.annsList().find(uid), std::string::npos);
   EXPECT_TRUE(bus.engine->isRunning());
+}
+
+TEST(EngineTrustTest, TheBusPolicyRefusesTheRootOnlyOperationsToAUserBeforeTheEngineSeesThem) {
+  SKIP_WITHOUT_CLIENT_BUS();
+  ClientBus bus;
+  const std::string bsdName = fs::path(bus.disk->loopDevice()).filename().string();
+  const Outcome bob = bus.probe(bus.bob, {"server-ops", bsdName});
+  ASSERT_EQ(bob.status, 0) << bob.output;
+  for (const char* member : {"setSupportsContinuousBackup", "remountDriveWithBSDName", "exit"})
+    EXPECT_NE(bob.output.find(std::string(member) + " error org.freedesktop.DBus.Error.AccessDenied"),
+              std::string::npos)
+        << bob.output;
+  EXPECT_NE(bob.output.find("supportsContinuousBackup ok"), std::string::npos) << bob.output;
+  // The bus stopped them: the engine never had to refuse.
+  EXPECT_EQ(bus.engine->logText().find("Refused "), std::string::npos) << bus.engine->logText();
+  EXPECT_TRUE(bus.engine->isRunning());
+  // Root still may.
+  auto root = bus.f.busctl({"call", "com.qsc.skerrow", "/com/qsc/skerrow", "com.qsc.skerrow.QSSkerrowServerProtocol",
+                            "setSupportsContinuousBackup", "b", "true"});
+  EXPECT_EQ(root.exitCode, 0) << root.output;
 }
 
 TEST(EngineTrustTest, ManagingTheRootFileSystemOrTheHomeFolderDiskAsAUserIsRefusedAndCreatesNothing) {

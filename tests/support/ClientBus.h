@@ -42,8 +42,9 @@ class ClientBus {
   }
 
   explicit ClientBus(const std::string& files = "200", const std::string& bytes = "4M",
-                     uint64_t diskBytes = 256ull << 20)
-      : ann(f.users().addUser("ann", 1500, 1500, "Ann Example")), bob(f.users().addUser("bob", 1501, 1501)) {
+                     uint64_t diskBytes = 256ull << 20, const std::string& policyFile = SKERROW_POLICY_FILE)
+      : f(policyFile),
+        ann(f.users().addUser("ann", 1500, 1500, "Ann Example")), bob(f.users().addUser("bob", 1501, 1501)) {
     std::filesystem::remove(ann.home);
     if (skerrow_test::runCommand({SKERROW_MAKE_HOME, "-q", "-n", files, "-b", bytes, ann.home}).exitCode != 0)
       throw std::runtime_error("skerrow_make_home failed");

@@ -13,9 +13,11 @@ std::optional<std::string> EngineFixture::unavailableReason() {
   return TestUsers::unavailableReason();
 }
 
-EngineFixture::EngineFixture() : storeRoot_(dir_.mkdir("root")) {
+EngineFixture::EngineFixture() : EngineFixture(SKERROW_POLICY_FILE) {}
+
+EngineFixture::EngineFixture(const std::string& policyFile) : storeRoot_(dir_.mkdir("root")) {
   ::chmod(dir_.path().c_str(), 0755);
-  bus_ = std::make_unique<PrivateBus>(SKERROW_POLICY_FILE, users_.environment());
+  bus_ = std::make_unique<PrivateBus>(policyFile, users_.environment());
 }
 
 Environment EngineFixture::clientEnvironment() const {

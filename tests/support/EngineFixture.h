@@ -22,6 +22,8 @@ class EngineFixture {
   static std::optional<std::string> unavailableReason();
 
   EngineFixture();
+  // The bus includes `policyFile` instead of the engine's own policy.
+  explicit EngineFixture(const std::string& policyFile);
   // Starts one more engine with `options`, optionally as another user; waits
   // until it says its connection is configured (false if it does not).
   DaemonProcess& startEngine(const std::vector<std::string>& options = {}, std::optional<RunAs> runAs = std::nullopt);

@@ -15,6 +15,8 @@ namespace {
 constexpr double kRedrawInterval = 0.25;        // the line moves four times a second
 constexpr double kProgressEventInterval = 1.0;  // JSON progress: at most once a second
 constexpr double kPollInterval = 1.0;           // the engine is asked for the outcome each second
+constexpr double kEndPollInterval = 0.05;       // and more often once the run's last callback came:
+                                                // the outcome follows within moments (the final sync)
 constexpr double kRateWindow = 5.0;             // the copy rate is measured over the last seconds
 
 bool startsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
@@ -62,7 +64,8 @@ bool BackupFollower::follow(std::chrono::seconds idle, const volatile int* inter
     double next = nextPoll_;
     if (current_ && !current_->finished) next = std::min({next, nextRedraw_, output_.json ? nextProgressEvent_ : next});
     const double wait = std::clamp(next - now, 0.0, kRedrawInterval);
-    engine_->serve(std::chrono::milliseconds(static_cast<int64_t>(wait * 1000)),
+    // Rounded up: a wait cut short of the next deadline would only spin.
+    engine_->serve(std::chrono::milliseconds(static_cast<int64_t>(std::ceil(wait * 1000))),
                    [&] { return pollSoon_ || stop(); });
     tick();
   }
@@ -96,8 +99,10 @@ void BackupFollower::tick() {
   }
   if (pollSoon_ || now >= nextPoll_) {
     pollSoon_ = false;
-    nextPoll_ = now + kPollInterval;
     pollOutcomes();
+    bool ending = false;
+    for (const auto& [uid, followed] : followed_) ending = ending || (followed.lastCallbackSeen && !followed.outcome);
+    nextPoll_ = now + (ending ? kEndPollInterval : kPollInterval);
   }
 }
 

@@ -110,11 +110,14 @@ TEST_F(QSPerUIDEnvironmentRealtimeTest, AChangedFileIsStoredAsItsNextVersionAndT
   writeStored("Documents/report@0.txt", "old bytes");
   environment->enqueueFSEvent(contentModified(home + "/Documents/report.txt"));
   start();
-  ASSERT_TRUE(skerrow_test::eventually([&] { return client->count("finishedRealtimeTransfer") == 1; }));
-  EXPECT_EQ(stored("Documents"), (std::vector<std::string>{"report@0.txt", "report@1.txt"}));
-  EXPECT_EQ(storedText("Documents/report@1.txt"), "new bytes");
   const std::string source = home + "/Documents/report.txt";
   const std::string target = destination + "/Documents/report@1.txt";
+  // The client is told before the copy is logged: both are waited for.
+  ASSERT_TRUE(skerrow_test::eventually([&] {
+    return client->count("finishedRealtimeTransfer") == 1 && log.contains("++++++ did backup: " + source);
+  }));
+  EXPECT_EQ(stored("Documents"), (std::vector<std::string>{"report@0.txt", "report@1.txt"}));
+  EXPECT_EQ(storedText("Documents/report@1.txt"), "new bytes");
   auto lines = client->lines();
   std::erase(lines, "maximumContiguousErrors");  // asked when the client was attached
   EXPECT_EQ(lines, (std::vector<std::string>{"startedRealtimeTransfer " + source + "," + target,

@@ -99,6 +99,17 @@ TEST(BackupFollowerTest, TheRunEndsWithItsOwnOutcomeNotAnOlderOne) {
   EXPECT_LT(h.engine.clock, 103);
 }
 
+TEST(BackupFollowerTest, AnOutcomeThatFollowsTheLastCallbackIsLearntWithinATenthOfASecond) {
+  Harness h({});
+  h.callback(100.1, "startedTransferTally_withUID");
+  h.callback(101.0, "finishedTransferTally_withUID");
+  // The engine records the outcome once its final sync is done.
+  h.engine.events.push_back({101.33, [&] { h.engine.outcome = outcomeOf(State::Completed, 8); }});
+  EXPECT_TRUE(h.follower.follow(std::chrono::seconds(300), nullptr));
+  EXPECT_EQ(h.follower.results().at(kUID).outcome->sequence, 8u);
+  EXPECT_LE(h.engine.clock, 101.43);
+}
+
 TEST(BackupFollowerTest, ACancelByAnyoneIsLearntWithinTwoSecondsWithoutAnyCallback) {
   Harness h({});
   h.callback(100.1, "startedTransferTally_withUID");
