@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "Engine/conversion/QSBackupConverter.h"
 #include "Engine/files/QSFSNodeStack.h"
 #include "Engine/records/QSVolumeFunctions.h"
 #include "Engine/server/QSSkerrowServer.h"
@@ -29,6 +30,9 @@ namespace {
 // How long the pipeline's threads get to stop at a SIGTERM; the whole exit
 // stays within the 2 s a service manager is promised.
 constexpr std::chrono::milliseconds kPipelineStopTimeout{1500};
+// How long conversions of older backups get to stop (they stop at their next
+// file; the volume keeps the state reached, and the next start resumes).
+constexpr std::chrono::milliseconds kConverterStopTimeout{300};
 
 // "-userApp" (any letter case) runs the engine for the invoking user on the session bus.
 bool runsAsUserApp() {
@@ -63,6 +67,10 @@ int main() {
     auto bus = platform::BusConnection::open(busKind);
     auto callbacks = std::make_shared<QSCallbackBus>(busKind);
     auto server = QSSkerrowServer::instance();
+    // Every volume that appears gets a converter of the older product's backups.
+    server->setConverterFactory([](const std::string& mountPath, QSBackupConverterDelegate* delegate) {
+      return QSBackupConverter::initWithDelegate_forVolume(delegate, mountPath);
+    });
     QSServiceRegistry services(bus->connection(), loop, callbacks, server);
     QSSkerrowServerAdaptor adaptor(bus->connection(), server, services);
     bus->attachToRunLoop(loop);
@@ -71,10 +79,9 @@ int main() {
       platform::Log::format("Unable to register the name %s (%s); going on without it", kServiceName, reason.c_str());
     platform::Log::line("sconnection configured...");
 
-    for (const auto& [bsdName, volume] : QSVolumeInfoForLocalVolumes())
-      server->diskDidAppearWithBSDName_mountPath_onVolume(volume->bsdName(), volume->mountPoint(), volume->volumeName());
-
-    // The workspace's mount notices, from the kernel's mount table.
+    // The workspace's mount notices, from the kernel's mount table.  The
+    // monitor reads the table before the volumes are announced, so a disk
+    // pulled or plugged in meanwhile is still noticed.
     platform::MountMonitor monitor(loop, platform::VolumeService::system(), [](const platform::MountChange& change) {
       platform::postWorkspaceNotice(change.kind == platform::MountChange::Kind::Mounted
                                         ? platform::NSWorkspaceDidMountNotification
@@ -82,11 +89,15 @@ int main() {
                                     change.mountPoint);
     });
 
+    for (const auto& [bsdName, volume] : QSVolumeInfoForLocalVolumes())
+      server->diskDidAppearWithBSDName_mountPath_onVolume(volume->bsdName(), volume->mountPoint(), volume->volumeName());
+
     const size_t left = loop.run();
     if (left) platform::Log::format("%zu requests handed to the main loop were not served before it stopped", left);
     if (loop.stoppedBySignal()) platform::Log::format("Stopped by signal %d", loop.stoppedBySignal());
     // Clients are no longer called; their bus objects go with the callback thread.
     callbacks->stop();
+    if (!server->stopConverters(kConverterStopTimeout)) platform::Log::line("A conversion did not stop in time");
     // The walks and copies under way stop at their next check (a copy within
     // one chunk, its temporary file removed), so no thread outlives main.
     if (!server->stopPipeline(kPipelineStopTimeout))

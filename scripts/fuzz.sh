@@ -17,9 +17,9 @@ if command -v ccache > /dev/null; then  # see scripts/test.sh
   launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 fi
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DSKERROW_FUZZ=ON -DSKERROW_TESTS=OFF "${launcher[@]}" >/dev/null
-cmake --build build-fuzz -j "$(nproc)" --target fuzz_parse_file_name fuzz_property_list fuzz_fanotify_records
+cmake --build build-fuzz -j "$(nproc)" --target fuzz_parse_file_name fuzz_property_list fuzz_fanotify_records fuzz_vessa_state
 
-for target in parse_file_name property_list fanotify_records; do
+for target in parse_file_name property_list fanotify_records vessa_state; do
   scratch="build-fuzz/corpus/$target"
   mkdir -p "$scratch"
   echo "== fuzz_$target: $seconds s"

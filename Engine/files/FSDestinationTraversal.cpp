@@ -26,7 +26,7 @@ void FSDestinationTraversal::_recurse(platform::Directory* parent, const std::st
       if (a.isRegularFile() || a.isSymbolicLink()) {
         const auto parsed = QSParseFileName(entry);
         if (!parsed) continue;
-        auto version = QSFSVersion::versionWithFileName_attributes(entry, QSFSFileAttributes::fromFileAttributes(a));
+        auto version = QSFSVersion::versionWithFileName_attributes(entry, QSFSFileAttributes::fromStoredCopyAttributes(a));
         if (!version) continue;
         groups.addObject_forKey(std::move(version), (*parsed)[0]);
       } else if (a.isDirectory()) {

@@ -24,5 +24,7 @@ bool QSIsUnchangedCopy(const QSFSFileAttributes& source, const QSFSFileAttribute
   // A symbolic link cannot carry the creation-date attribute, so a stored
   // link's creation date is its own: it does not take part.
   if (!source.fileTypeIsARegularFile) return true;
-  return !traits.keepsCreationDate || source.creationDate == stored.creationDate;
+  // A copy without the creation-date attribute (converted from an older
+  // backup) cannot say its source's creation date: it counts as equal.
+  return !traits.keepsCreationDate || !stored.creationDateKnown || source.creationDate == stored.creationDate;
 }

@@ -7,7 +7,9 @@
 // dates count as equal when they differ by less than that granularity, and
 // on a destination that cannot keep the creation-date attribute the creation
 // dates count as equal: otherwise such a destination would be copied to
-// again and again although nothing changed.  For the same reason a symbolic
+// again and again although nothing changed.  The same holds for a stored
+// copy that carries no creation-date attribute (one converted from an older
+// backup product's folders).  For the same reason a symbolic
 // link (which cannot carry the creation-date attribute) is compared by size
 // and modification date only.
 #pragma once

@@ -16,6 +16,10 @@ struct QSFSFileAttributes {
   bool fileTypeIsARegularFile = false;
   double creationDate = 0;             // seconds since 2001-01-01 00:00:00 UTC
   double modificationDate = 0;
+  // Whether the creation date is the item's own record of it: false for a
+  // stored copy read without the creation-date attribute (one converted from
+  // an older backup), whose birth time says when the copy was made.
+  bool creationDateKnown = true;
 
   bool operator==(const QSFSFileAttributes&) const = default;
 
@@ -28,6 +32,14 @@ struct QSFSFileAttributes {
     r.fileTypeIsARegularFile = a.isRegularFile();
     r.creationDate = a.creationTime.sinceReferenceDate();
     r.modificationDate = a.modificationTime.sinceReferenceDate();
+    return r;
+  }
+
+  // The record of a stored copy read with its creation-date attribute
+  // preferred: without the attribute its creation date is not known.
+  static QSFSFileAttributes fromStoredCopyAttributes(const platform::FileAttributes& a) {
+    QSFSFileAttributes r = fromFileAttributes(a);
+    r.creationDateKnown = a.isSymbolicLink() || a.creationSource == platform::FileAttributes::CreationSource::StoredAttribute;
     return r;
   }
 };

@@ -62,7 +62,8 @@ void QSSkerrowServer::initialize() { QSBlackList::initialize(); }
 QSSkerrowServer::~QSSkerrowServer() {
   for (auto id : workspaceObservers_) workspace_->removeObserver(id);
   if (runLoop_ && timer_ && runLoop_->isLoopThread()) runLoop_->removeSource(timer_);
-  // Stage threads call back into the server: they end before it goes.
+  // Stage and converter threads call back into the server: they end before it goes.
+  stopConverters(std::chrono::seconds(30));
   stopPipeline(std::chrono::seconds(30));
 }
 

@@ -157,6 +157,11 @@ class QSSkerrowServer : public platform::Object,
                                     const std::vector<std::string>& newUIDs);
   std::optional<platform::Value> conversionStateForMountPath(const std::string& mountPath) const;
   size_t activeConverterCount() const { return activeConverters_.size(); }
+  // Installs the maker of converters for volumes that appear from now on (main thread).
+  void setConverterFactory(QSServerEnvironment::ConverterFactory factory) { converterFactory_ = std::move(factory); }
+  // Asks every running converter to stop and waits for them up to
+  // `timeout`; false when one is still running then.
+  bool stopConverters(std::chrono::milliseconds timeout);
 
   // Work for clients (a null client stands for the engine itself).
   using Client = std::shared_ptr<QSBackupClientProtocol>;

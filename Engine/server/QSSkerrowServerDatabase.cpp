@@ -1,5 +1,7 @@
 // The server's table of backups: the database file, the disks that come
 // and go, the environments of managed backups and the end of conversions.
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 
 #include "Engine/records/QSBackupAttributes.h"
@@ -289,20 +291,36 @@ void QSSkerrowServer::_conversionDidFinishWithArgs(const std::shared_ptr<QSBacku
     for (const auto& [key, volume] : QSVolumeInfoForLocalVolumes()) {
       if (volume->mountPoint() != mountPoint) continue;
       scanVolumeWithBSDName_mountPath_onVolume(volume->bsdName(), volume->mountPoint(), volume->volumeName());
+      std::vector<std::string> adopted;
       for (const std::string& uid : newUIDs) {
         const auto entry = backupEntryWithUID(uid);
         if (!entry) continue;
         if (!entry->isPersistent()) entry->setPersistent(true);
         if (!entry->isScheduled()) entry->setScheduled(true);
         if (entry->exclusionExpression()) exclusionFilterMap_[entry->shortUserName()] = *entry->exclusionExpression();
-        saveBackupDatabase();
+        if (saveBackupDatabase()) adopted.push_back(uid);
         insureEnviromentForEntry(entry);
       }
+      // The converter keeps a record of new backups on the disk until they are adopted.
+      converter->newUIDsWereAdopted(adopted);
       break;
     }
   }
   converter->releaseThread();
-  activeConverters_.erase(mountPoint);
+  // A converter made later for the same mount path (the disk mounted again) keeps its place.
+  const auto it = activeConverters_.find(mountPoint);
+  if (it != activeConverters_.end() && it->second == converter) activeConverters_.erase(it);
+}
+
+bool QSSkerrowServer::stopConverters(std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (const auto& [mountPath, converter] : activeConverters_) converter->cancel();
+  bool ended = true;
+  for (const auto& [mountPath, converter] : activeConverters_)
+    ended = converter->waitUntilFinished(std::chrono::duration_cast<std::chrono::milliseconds>(
+                std::max(deadline - std::chrono::steady_clock::now(), std::chrono::steady_clock::duration::zero()))) &&
+            ended;
+  return ended;
 }
 
 std::optional<platform::Value> QSSkerrowServer::conversionStateForMountPath(const std::string& mountPath) const {

@@ -19,6 +19,7 @@ _skerrowctl_command_options() {
     versions) echo "--backup" ;;
     restore) echo "--at --version --to --overwrite --backup" ;;
     mount) echo "--at --backup --foreground" ;;
+    conversion) echo "--wait" ;;
   esac
   echo "--help"
 }
@@ -64,7 +65,7 @@ _skerrowctl() {
     --to) COMPREPLY=($(compgen -f -- "$cur")); return ;;
     --backup) COMPREPLY=($(compgen -W "$(_skerrowctl_uids "${bus[@]}")" -- "$cur")); return ;;
     --categories) COMPREPLY=($(compgen -W "Pictures Music Movies Mail Documents Other" -- "$cur")); return ;;
-    --depth | --keep | --period | --version | --at) return ;;
+    --depth | --keep | --period | --version | --at | --wait) return ;;
   esac
   if [[ "$cur" == -* ]]; then
     COMPREPLY=($(compgen -W "$(_skerrowctl_command_options "$command")" -- "$cur"))
@@ -75,7 +76,7 @@ _skerrowctl() {
   local argument=0 j=$((command_at + 1))
   while [ "$j" -lt "$COMP_CWORD" ]; do
     case "${COMP_WORDS[j]}" in
-      --depth | --keep | --period | --categories | --version | --at | --to | --backup) j=$((j + 1)) ;;
+      --depth | --keep | --period | --categories | --version | --at | --to | --backup | --wait) j=$((j + 1)) ;;
       -*) ;;
       *) argument=$((argument + 1)) ;;
     esac

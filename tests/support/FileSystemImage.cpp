@@ -479,6 +479,14 @@ bool FileSystemImage::isMounted() const { return mountedFsType(mountPoint_).has_
 
 void FileSystemImage::unmount() { unmountWith(false); }
 
+void FileSystemImage::mountAgain() {
+  if (server_) {
+    server_->waitForExit(kServerExitTimeout);
+    server_.reset();
+  }
+  mount();
+}
+
 void FileSystemImage::lazyUnmount() { unmountWith(true); }
 
 void FileSystemImage::unmountWith(bool lazy) {

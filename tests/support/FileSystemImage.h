@@ -91,6 +91,9 @@ class FileSystemImage {
   // Detaches the mount now even while files in it are open (umount -l,
   // fusermount -u -z); the mount point becomes an ordinary empty folder.
   void lazyUnmount();
+  // Mounts the file system again on the same mount point after unmount()
+  // or lazyUnmount() (the disk plugged back in); throws as the constructor.
+  void mountAgain();
   // Whether /proc/self/mountinfo has an entry for the mount point.
   bool isMounted() const;
 

@@ -31,8 +31,12 @@ class RecordingConverter : public QSBackupConverterProtocol {
   void start() override { started = true; }
   void releaseThread() override { released = true; }
   std::optional<platform::Value> converterState() const override { return platform::Value("scanning"); }
+  void cancel() override { cancelled = true; }
+  void newUIDsWereAdopted(const std::vector<std::string>& uids) override { adopted = uids; }
   bool started = false;
   bool released = false;
+  bool cancelled = false;
+  std::vector<std::string> adopted;
 
  private:
   std::string mountPoint_;

@@ -105,8 +105,12 @@ const std::vector<CommandEntry>& commandTable() {
        "Paths of your home folder matching the regular expression (case-insensitive) are not backed up.", 0, 1, {},
        {"--clear"}},
       {"heartbeat", "", "ask the engine for its clock", "Shows that the engine answers.", 0, 0, {}, {}},
-      {"conversion", "MOUNTPATH", "state of a conversion of older backups on a disk", "Empty when none runs.", 1, 1,
-       {}, {}},
+      {"conversion", "[MOUNTPATH] [--wait SECONDS]", "follow the conversion of older backups on a disk",
+       "Shows each state the conversion of the older product's backups (\"QS Tidevault\") on the disk, or on every "
+       "mounted disk, goes through, and when it ends the new backups it made. --wait waits up to SECONDS for a "
+       "conversion to begin (plug the disk in meanwhile). With none running: \"No conversion runs on ...\". Exits 1 "
+       "when the disk could not be converted (the state says why).",
+       0, 1, {"--wait"}, {}},
       {"versions", "PATH [--backup UID]", "list the stored versions of a file or folder",
        "PATH is a file or folder of your home folder (absolute, or relative to your home). Lists each stored version: "
        "number (higher is newer), size, modification date, when it was stored, and its name on the disk; for a "

@@ -1,5 +1,5 @@
 // skerrowctl's commands about the backups themselves: list, manage, adopt,
-// forget, pause, activate, set, filter, heartbeat, conversion.
+// forget, pause, activate, set, filter, heartbeat.
 #include <algorithm>
 #include <set>
 #include <sstream>
@@ -329,13 +329,6 @@ int heartbeatCommand(Context& c) {
   const platform::Date date(std::get<0>(beat));
   c.report("The engine answers; its clock says " + localDate(date),
            Json::object().set("time", std::get<0>(beat)).set("date", isoDate(date, true)));
-  return kExitOK;
-}
-
-int conversionCommand(Context& c) {
-  const auto state = c.connect().server().conversionStateForMountPath(c.line.arguments[0]);
-  c.report(state.empty() ? "No conversion runs on " + c.line.arguments[0] : "Conversion: " + state.front(),
-           Json::object().set("mountPath", c.line.arguments[0]).set("state", state.empty() ? Json() : Json(state.front())));
   return kExitOK;
 }
 

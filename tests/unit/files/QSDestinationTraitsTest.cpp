@@ -33,3 +33,24 @@ TEST(QSDestinationTraitsTest, ProbeOfTheTemporaryFolder) {
   EXPECT_EQ(unwritable.timeGranularity, 0.0);
   EXPECT_TRUE(unwritable.keepsCreationDate);
 }
+
+TEST(QSDestinationTraitsTest, AStoredCopyWithoutCreationDateAttributeCountsAsEqualInCreationDate) {
+  const QSDestinationTraits exact;
+  QSFSFileAttributes converted = file(10, 999, 200);  // created when the older product wrote its copy
+  converted.creationDateKnown = false;
+  EXPECT_TRUE(QSIsUnchangedCopy(file(10, 100, 200), converted, exact));
+  converted.modificationDate = 201;
+  EXPECT_FALSE(QSIsUnchangedCopy(file(10, 100, 200), converted, exact));
+  EXPECT_FALSE(QSIsUnchangedCopy(file(10, 100, 200), file(10, 999, 200), exact));
+}
+
+TEST(QSDestinationTraitsTest, OnlyACopysOwnAttributeMakesItsCreationDateKnown) {
+  platform::FileAttributes a;
+  a.type = platform::FileAttributes::Type::Regular;
+  a.creationSource = platform::FileAttributes::CreationSource::BirthTime;
+  EXPECT_FALSE(QSFSFileAttributes::fromStoredCopyAttributes(a).creationDateKnown);
+  a.creationSource = platform::FileAttributes::CreationSource::StoredAttribute;
+  EXPECT_TRUE(QSFSFileAttributes::fromStoredCopyAttributes(a).creationDateKnown);
+  a.creationSource = platform::FileAttributes::CreationSource::BirthTime;
+  EXPECT_TRUE(QSFSFileAttributes::fromFileAttributes(a).creationDateKnown);
+}

@@ -171,6 +171,51 @@ TEST(QSSkerrowServerTableTest, ConversionWithNewUIDsAdoptsSchedulesSavesAndMakes
   EXPECT_EQ(f.server->activeConverterCount(), 0u);
 }
 
+TEST(QSSkerrowServerTableTest, TheConverterLearnsWhichNewBackupsWereAdoptedBeforeItIsReleased) {
+  skerrow_test::VolumeFixture volumes;
+  ServerFixture f;
+  const std::string disk = f.disk("Backup");
+  volumes.addDisk("sdb", 8, 16, "devices/pci0000:00/usb1", "Ultra Fit", 0);
+  volumes.addPartition("sdb", "sdb1", 8, 17);
+  volumes.setLabel("sdb1", "Backup");
+  volumes.setMountTable({skerrow_test::VolumeFixture::line(40, "8:17", disk, "ext4", "/dev/sdb1")});
+  skerrow_test::VolumeServiceScope scope(volumes.service());
+  f.server->diskDidAppearWithBSDName_mountPath_onVolume("sdb1", disk, "Backup");
+  f.putBackupOnDisk(disk, "UID-C", "ann");
+  f.server->conversionDidFinishByConverter_withNewUIDs(f.converters.at(0), {"UID-C", "UID-unknown"});
+  f.loop.runPending();
+  EXPECT_EQ(f.converters[0]->adopted, std::vector<std::string>{"UID-C"});
+  EXPECT_TRUE(f.converters[0]->released);
+}
+
+TEST(QSSkerrowServerTableTest, TheEndOfAnOlderConverterLeavesTheConverterOfTheDiskMountedAgain) {
+  ServerFixture f;
+  const std::string disk = f.disk("Old");
+  f.server->diskDidAppearWithBSDName_mountPath_onVolume("sdc1", disk, "Old");
+  f.server->diskDidDisapperAtMountPoint(disk);
+  f.server->diskDidAppearWithBSDName_mountPath_onVolume("sdc1", disk, "Old");
+  ASSERT_EQ(f.converters.size(), 2u);
+  f.server->conversionDidFinishByConverter_withNewUIDs(f.converters[0], {});
+  f.loop.runPending();
+  EXPECT_TRUE(f.converters[0]->released);
+  EXPECT_EQ(f.server->activeConverterCount(), 1u);
+  EXPECT_EQ(f.server->conversionStateForMountPath(disk), platform::Value("scanning"));
+  f.server->conversionDidFinishByConverter_withNewUIDs(f.converters[1], {});
+  f.loop.runPending();
+  EXPECT_EQ(f.server->activeConverterCount(), 0u);
+  EXPECT_EQ(f.server->conversionStateForMountPath(disk), std::nullopt);
+}
+
+TEST(QSSkerrowServerTableTest, StoppingTheConvertersCancelsEachRunningOne) {
+  ServerFixture f;
+  f.server->diskDidAppearWithBSDName_mountPath_onVolume("sdc1", f.disk("A"), "A");
+  f.server->diskDidAppearWithBSDName_mountPath_onVolume("sdd1", f.disk("B"), "B");
+  ASSERT_EQ(f.converters.size(), 2u);
+  EXPECT_TRUE(f.server->stopConverters(std::chrono::milliseconds(100)));
+  EXPECT_TRUE(f.converters[0]->cancelled);
+  EXPECT_TRUE(f.converters[1]->cancelled);
+}
+
 TEST(QSSkerrowServerTableTest, JobsIsAlwaysAnEmptyDictionary) {
   ServerFixture f;
   EXPECT_TRUE(f.server->jobs().empty());
