@@ -20,7 +20,14 @@ constexpr int kMaxEventsPerWakeUp = 4096;
 
 MountMonitor::MountMonitor(RunLoop& loop, std::shared_ptr<VolumeService> service, Callback callback)
     : loop_(loop), service_(std::move(service)), callback_(std::move(callback)) {
+  // The table is watched before it is first read: a change made between the
+  // two wakes the monitor, and a disk pulled and plugged in again meanwhile
+  // (which may get back its old mount id) is not taken for one never moved.
+  watchKernelTable();
   snapshot_ = currentKeys();
+}
+
+void MountMonitor::watchKernelTable() {
   monitor_ = mnt_new_monitor();
   if (!monitor_) {
     Log::line("Cannot watch the mount table: no libmount monitor");

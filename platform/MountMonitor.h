@@ -53,6 +53,8 @@ class MountMonitor {
   using Key = std::pair<int32_t, std::string>;
   void handleWakeUp();
   std::vector<Key> currentKeys() const;
+  // Starts watching the kernel's mount table (logs why when it cannot).
+  void watchKernelTable();
 
   RunLoop& loop_;
   std::shared_ptr<VolumeService> service_;
