@@ -498,10 +498,10 @@ Options parse(int argc, char** argv) {
     if (a == "--computer") o.computer = value(i);
     else if (a == "--other-computer") o.otherComputer = value(i);
     else if (a == "--user") {
-      const std::string spec = value(i);
-      const auto eq = spec.find('=');
-      if (eq == std::string::npos || eq == 0 || eq + 1 == spec.size()) fail("say --user NAME=HOME");
-      o.users.emplace_back(spec.substr(0, eq), spec.substr(eq + 1));
+      const std::string given = value(i);
+      const auto eq = given.find('=');
+      if (eq == std::string::npos || eq == 0 || eq + 1 == given.size()) fail("say --user NAME=HOME");
+      o.users.emplace_back(given.substr(0, eq), given.substr(eq + 1));
     } else if (a == "--files") o.files = number(value(i));
     else if (a == "--max-versions") o.maxVersions = std::max<uint64_t>(1, number(value(i)));
     else if (a == "--bytes") o.bytes = number(value(i));
@@ -514,10 +514,10 @@ Options parse(int argc, char** argv) {
         o.categories.push_back(c);
       }
     } else if (a == "--number-of-versions") {
-      const std::string spec = value(i);
-      const auto eq = spec.find('=');
+      const std::string given = value(i);
+      const auto eq = given.find('=');
       if (eq == std::string::npos) fail("say --number-of-versions CATEGORY=N");
-      o.numberOfVersions[spec.substr(0, eq)] = static_cast<int64_t>(number(spec.substr(eq + 1)));
+      o.numberOfVersions[given.substr(0, eq)] = static_cast<int64_t>(number(given.substr(eq + 1)));
     } else if (a == "--exclusion") o.exclusion = value(i);
     else if (a == "--no-plist-every") o.noPlistEvery = number(value(i));
     else if (a == "--state") o.state = static_cast<int>(number(value(i)));
