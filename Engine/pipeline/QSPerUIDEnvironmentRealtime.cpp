@@ -91,6 +91,8 @@ void QSPerUIDEnvironment::processRealtimeEvent(const FSEvent& event) {
     pendingContentChanges_.erase(args.front());
   }
   if (!destinationPath()) return;
+  // The schedule as it is when the event is taken off the queue.
+  const bool scheduled = isScheduled();
   if (args.size() != 1 && args.size() != 2) return;
   const std::string& home = realtimeHome();
   const std::string path = QSPathFilter::normalizedPath(args.back());
@@ -101,7 +103,7 @@ void QSPerUIDEnvironment::processRealtimeEvent(const FSEvent& event) {
       platform::FileManager::attributesAtPath(path, &attributes) ? &attributes : nullptr;
   if (!shouldProceedForPathSuffix_withAttributes(path.substr(home.size()), known)) return;
   const bool wouldCopy = args.size() == 1 ? event->type() == FSE_CONTENT_MODIFIED : event->type() == FSE_RENAME;
-  if (!isScheduled()) {
+  if (!scheduled) {
     // A paused backup copies nothing; the next backup after it is scheduled
     // again finds the change by comparing the home with the backup.
     if (wouldCopy) platform::Log::format("++++++ not scheduled, not backed up now: %s", path.c_str());
