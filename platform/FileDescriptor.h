@@ -3,6 +3,8 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstddef>
 #include <utility>
 
 namespace platform {
@@ -35,5 +37,20 @@ class FileDescriptor {
  private:
   int fd_ = -1;
 };
+
+// Writes all of `size` bytes to `fd`, going on after short writes and
+// interruptions; false (errno set) when a write fails.
+inline bool writeAll(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    const ssize_t n = ::write(fd, data, size);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
 
 }  // namespace platform

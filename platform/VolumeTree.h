@@ -43,7 +43,7 @@ class VolumeTree {
   // replaced (EEXIST).  Answers 0 or the errno.
   int rename(const std::string& from, const std::string& to, bool replace);
   // Moves the item into the volume's trash folder for the calling user,
-  // "<root>/.Trash-<uid>" as the freedesktop.org trash specification has it:
+  // "<root>/.Trash-<uid>", the per-volume trash desktops look in:
   // the item goes to "files/" under a name not taken there, beside an
   // "info/<name>.trashinfo" record of its path and the date.  It is renamed,
   // never copied; false (with the reason) when it cannot be.

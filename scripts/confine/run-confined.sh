@@ -55,7 +55,9 @@ for c in $capabilities; do
 done
 writable=$(setting ReadWritePaths)
 
-export RC_UNIT="$unit" RC_WRITABLE="$writable" RC_UMASK="${umask_value:-0022}" RC_BOUNDING="$bounding" RC_HERE="$here"
+# The seccomp helper is read now: the private /tmp below hides a clone that lies under /tmp.
+RC_HELPER=$(cat "$here/seccomp-exec.py")
+export RC_UNIT="$unit" RC_WRITABLE="$writable" RC_UMASK="${umask_value:-0022}" RC_BOUNDING="$bounding" RC_HELPER
 exec unshare --mount --net --propagation slave -- bash -c '
   set -euo pipefail
   # ProtectSystem=strict: every mount read-only but the kernel API folders.
@@ -86,5 +88,5 @@ exec unshare --mount --net --propagation slave -- bash -c '
   mount --bind /proc/sys /proc/sys && mount -o remount,bind,ro /proc/sys
   umask "$RC_UMASK"
   exec setpriv --no-new-privs --bounding-set="$RC_BOUNDING" --inh-caps=-all --ambient-caps=-all \
-    -- /usr/bin/python3 "$RC_HERE/seccomp-exec.py" "$RC_UNIT" -- "$@"
+    -- /usr/bin/python3 -c "$RC_HELPER" "$RC_UNIT" -- "$@"
 ' run-confined "$@"
