@@ -2,9 +2,9 @@
 # Side-by-side timing of a backup by skerrowd against cp and rsync, on the
 # same synthetic home folder and the same loop-mounted ext4 disk.
 #
-#   sudo bench/backup_vs_copy.sh [-n FILES] [-b BYTES] [-s SEED] [-B BUILD_DIR] [-H HOME] [-k]
+#   sudo bench/backup_vs_copy.sh [-n FILES] [-b BYTES] [-s SEED] [-r RUNS] [-B BUILD_DIR] [-H HOME] [-k]
 #
-# Defaults: 100000 files, 1.5G, seed 1, build dir "build".  -H uses a home
+# Defaults: 100000 files, 1.5G, seed 1, 3 runs, build dir "build".  -H uses a home
 # folder made earlier by skerrow_make_home (its owner becomes uid 1600) instead
 # of making one.  -k keeps the work folder.  Needs root, a loop device, rsync, dbus-daemon and nss_wrapper
 # (scripts/install-deps.sh installs all but rsync: apt-get install rsync).
@@ -12,22 +12,27 @@
 # What is measured, each with warm caches (the home folder is read once
 # before anything is timed):
 #   cp      cp -a HOME DISK/cp, then sync -f DISK (the same syncfs the engine makes)
-#   rsync   rsync -a HOME/ DISK/rsync/ a first time (not timed), then the
-#           timed no-change run
+#   rsync   rsync -a HOME/ DISK/rsync/ a first time (not timed), then RUNS
+#           timed no-change runs (median)
 #   first   skerrowd's first full backup: from "Starting UNSCHEDULED backup"
 #           to "Server did save to permanent store: 1" (source count,
 #           backup-folder count, dry run, copy, and the final syncfs)
-#   again   the next backup, which finds nothing to copy
-#   rss     skerrowd's peak resident set (VmHWM) after both passes
+#   again   the next backup of the same engine, which finds nothing to copy,
+#           and the one after it (the engine has walked the disk once)
+#   cold    the engine is stopped and started again RUNS times; each time
+#           its first backup, which finds nothing to copy (median)
+#   rss     skerrowd's peak resident set (VmHWM) after the first backup and
+#           its passes, and that of a restarted engine after its cold pass;
+#           its resident set (VmRSS) two seconds after that pass
 #   floor   the kernel calls alone of a no-change pass (stat of every item
 #           on both sides, the creation date of every copy), for scale
 set -euo pipefail
 
-FILES=100000 BYTES=1.5G SEED=1 BUILD=build KEEP=0 GIVEN_HOME=""
-while getopts "n:b:s:B:H:k" opt; do
+FILES=100000 BYTES=1.5G SEED=1 RUNS=3 BUILD=build KEEP=0 GIVEN_HOME=""
+while getopts "n:b:s:r:B:H:k" opt; do
   case $opt in
-    n) FILES=$OPTARG ;; b) BYTES=$OPTARG ;; s) SEED=$OPTARG ;; B) BUILD=$OPTARG ;; H) GIVEN_HOME=$OPTARG ;; k) KEEP=1 ;;
-    *) sed -n '2,25p' "$0"; exit 2 ;;
+    n) FILES=$OPTARG ;; b) BYTES=$OPTARG ;; s) SEED=$OPTARG ;; r) RUNS=$OPTARG ;; B) BUILD=$OPTARG ;; H) GIVEN_HOME=$OPTARG ;; k) KEEP=1 ;;
+    *) sed -n '2,30p' "$0"; exit 2 ;;
   esac
 done
 [[ $(id -u) == 0 ]] || { echo "run as root (loop devices, mounts)"; exit 2; }
@@ -56,6 +61,7 @@ trap cleanup EXIT
 now() { date +%s.%N; }
 elapsed() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", b - a }'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
+median() { printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
 
 mkdir -p "$W/home"
 if [[ -n $GIVEN_HOME ]]; then
@@ -87,8 +93,13 @@ rm -rf "$W/disk/cp"; sync
 
 echo "== rsync -a, no change"
 rsync -a "$HOME_DIR/" "$W/disk/rsync/"; sync
-t0=$(now); rsync -a "$HOME_DIR/" "$W/disk/rsync/"; t1=$(now)
-RSYNC=$(elapsed "$t0" "$t1")
+RSYNCS=()
+for _ in $(seq 1 "$RUNS"); do
+  t0=$(now); rsync -a "$HOME_DIR/" "$W/disk/rsync/"; t1=$(now)
+  RSYNCS+=("$(elapsed "$t0" "$t1")")
+done
+RSYNC=$(median "${RSYNCS[@]}")
+echo "   ${RSYNCS[*]} s"
 rm -rf "$W/disk/rsync"; sync
 
 echo "== skerrowd"
@@ -102,25 +113,50 @@ BUS_OUT=$(dbus-daemon --session --fork --print-address=1 --print-pid=1 --nopidfi
 export DBUS_SESSION_BUS_ADDRESS=$(echo "$BUS_OUT" | sed -n 1p)
 BUS=$(echo "$BUS_OUT" | sed -n 2p)
 LOG=$W/engine.log
-( env HOME="$W/engine" SKERROW_LOG_STDERR=1 LD_PRELOAD="$NSS" NSS_WRAPPER_PASSWD="$W/passwd" \
-      NSS_WRAPPER_GROUP="$W/group" "$BUILD/bin/skerrowd" -userApp -noSchedule -noRealtime 2>&1 |
-    while IFS= read -r line; do printf '%s %s\n' "$(date +%s.%N)" "$line"; done > "$LOG" ) &
-sleep 0.5
-ENGINE=$(pgrep -n -f "$BUILD/bin/skerrowd -userApp" || true)
-[[ -n $ENGINE ]] || { echo "skerrowd did not start"; cat "$LOG"; exit 1; }
+startEngine() {  # startEngine LOG: skerrowd -userApp on the bench's store, its log lines stamped
+  ( env HOME="$W/engine" SKERROW_LOG_STDERR=1 LD_PRELOAD="$NSS" NSS_WRAPPER_PASSWD="$W/passwd" \
+        NSS_WRAPPER_GROUP="$W/group" "$BUILD/bin/skerrowd" -userApp -noSchedule -noRealtime 2>&1 |
+      while IFS= read -r line; do printf '%s %s\n' "$(date +%s.%N)" "$line"; done > "$1" ) &
+  sleep 0.5
+  ENGINE=$(pgrep -n -f "$BUILD/bin/skerrowd -userApp" || true)
+  [[ -n $ENGINE ]] || { echo "skerrowd did not start"; cat "$1"; exit 1; }
+}
+stopEngine() {
+  kill "$ENGINE"; for _ in $(seq 1 100); do kill -0 "$ENGINE" 2> /dev/null || break; sleep 0.1; done
+  ENGINE=""
+}
+saves() { grep -c "Server did save to permanent store: 1" "$1" || true; }
+awaitSaves() {  # awaitSaves LOG N
+  for _ in $(seq 1 3600); do [[ $(saves "$1") -ge $2 ]] && break; sleep 0.2; done
+  [[ $(saves "$1") -ge $2 ]] || { echo "the backups did not finish"; tail -20 "$1"; exit 1; }
+}
+# passTime LOG K: the K-th pass (from 1) that started after the (K-1)-th save
+# (a tick that came while a backup still ran only joined it).
+passTime() {
+  awk -v k="$2" '
+    /Starting UNSCHEDULED backup/ { if (start == "" && (k == 1 || saved >= k - 1)) start = $1 }
+    /Server did save to permanent store: 1/ { saved++; if (saved == k && start != "") { printf "%.3f", $1 - start; exit } }
+  ' "$1"
+}
 
-saves() { grep -c "Server did save to permanent store: 1" "$LOG" || true; }
-for _ in $(seq 1 3600); do [[ $(saves) -ge 2 ]] && break; sleep 0.5; done
-[[ $(saves) -ge 2 ]] || { echo "the backups did not finish"; tail -20 "$LOG"; exit 1; }
+startEngine "$LOG"
+awaitSaves "$LOG" 3
 RSS_KB=$(awk '/VmHWM/ {print $2}' "/proc/$ENGINE/status")
-
-starts=($(awk '/Starting UNSCHEDULED backup/ {print $1}' "$LOG"))
-ends=($(awk '/Server did save to permanent store: 1/ {print $1}' "$LOG"))
-FIRST=$(elapsed "${starts[0]}" "${ends[0]}")
-# The next pass is the first one started after the first backup was saved (a
-# tick that came while the first backup still ran only joined it).
-again_start=$(awk -v t="${ends[0]}" '/Starting UNSCHEDULED backup/ && $1 > t {print $1; exit}' "$LOG")
-AGAIN=$(elapsed "$again_start" "${ends[1]}")
+FIRST=$(passTime "$LOG" 1)
+AGAIN=$(passTime "$LOG" 2)
+AGAIN2=$(passTime "$LOG" 3)
+stopEngine
+COLDS=() COLD_HWM=() COLD_RSS=()
+for r in $(seq 1 "$RUNS"); do
+  startEngine "$W/engine-cold$r.log"
+  awaitSaves "$W/engine-cold$r.log" 1
+  COLD_HWM+=("$(awk '/VmHWM/ {print $2}' "/proc/$ENGINE/status")")
+  sleep 2
+  COLD_RSS+=("$(awk '/VmRSS/ {print $2}' "/proc/$ENGINE/status")")
+  COLDS+=("$(passTime "$W/engine-cold$r.log" 1)")
+  stopEngine
+done
+COLD=$(median "${COLDS[@]}")
 # The kernel calls alone that a no-change pass makes, timed on the same trees.
 FLOOR=$("$BUILD/bench/skerrow_bench_walk_floor" "$HOME_DIR" "$W/disk/qs skerrow.skstor/$BENCH_UID" 3)
 STORED=$(find "$W/disk/qs skerrow.skstor" -type f -name '*@0*' | wc -l)
@@ -128,9 +164,14 @@ STORED=$(find "$W/disk/qs skerrow.skstor" -type f -name '*@0*' | wc -l)
 echo
 printf "%-44s %8.2f s\n" "cp -a + sync -f" "$CP"
 printf '%-44s %8.2f s   (%sx cp)\n' "skerrowd first backup (incl. syncfs)" "$FIRST" "$(ratio "$FIRST" "$CP")"
-printf '%-44s %8.2f s\n' "rsync -a, nothing to copy" "$RSYNC"
+printf '%-44s %8.2f s   (median of %s)\n' "rsync -a, nothing to copy" "$RSYNC" "$RUNS"
 printf '%-44s %8.2f s   (%sx rsync)\n' "skerrowd backup, nothing to copy" "$AGAIN" "$(ratio "$AGAIN" "$RSYNC")"
-printf '%-44s %8.1f MiB\n' "skerrowd peak RSS" "$(ratio "$RSS_KB" 1024)"
+printf '%-44s %8.2f s   (%sx rsync)\n' "skerrowd the backup after that" "$AGAIN2" "$(ratio "$AGAIN2" "$RSYNC")"
+printf '%-44s %8.2f s   (%sx rsync; runs: %s)\n' "skerrowd cold pass (first after a start)" "$COLD" \
+  "$(ratio "$COLD" "$RSYNC")" "${COLDS[*]}"
+printf '%-44s %8.1f MiB\n' "skerrowd peak RSS, first backup and 2 passes" "$(ratio "$RSS_KB" 1024)"
+printf '%-44s %8.1f MiB\n' "skerrowd peak RSS, cold pass (median)" "$(ratio "$(median "${COLD_HWM[@]}")" 1024)"
+printf '%-44s %8.1f MiB\n' "skerrowd resident after the cold pass" "$(ratio "$(median "${COLD_RSS[@]}")" 1024)"
 printf '%-44s %8d\n' "versioned copies on the disk" "$STORED"
 echo
 echo "$FLOOR"

@@ -115,6 +115,10 @@ bool statAt(int dirfd, const char* name, FileAttributes* a, bool preferStoredCre
   a->inode = sx.stx_ino;
   a->modificationTime = timeOf(sx.stx_mtime);
   a->accessTime = timeOf(sx.stx_atime);
+  // The change time is not asked for: asking makes some FUSE file systems
+  // answer afresh instead of from the kernel's cache, with other times than
+  // every other reading.  Local file systems fill it all the same.
+  a->changeTime = (sx.stx_mask & STATX_CTIME) ? timeOf(sx.stx_ctime) : FileTime{};
   a->creatorCode = 0;
   a->typeCode = 0;
   if (sx.stx_mask & STATX_BTIME) {
@@ -124,17 +128,20 @@ bool statAt(int dirfd, const char* name, FileAttributes* a, bool preferStoredCre
     a->creationTime = FileTime{};
     a->creationSource = FileAttributes::CreationSource::None;
   }
-  if (preferStoredCreationDate && a->type != FileAttributes::Type::SymbolicLink) {
-    static const std::string attribute = ExtendedAttributes::systemName(kCreationDateAttribute);
-    char value[64];
-    const ssize_t n = readAttributeAt(dirfd, name, attribute.c_str(), value, sizeof value);
-    FileTime stored;
-    if (n > 0 && parseStoredTime(value, static_cast<size_t>(n), &stored)) {
-      a->creationTime = stored;
-      a->creationSource = FileAttributes::CreationSource::StoredAttribute;
-    }
-  }
+  if (preferStoredCreationDate) readStoredCreationDate(dirfd, name, a);
   return true;
+}
+
+void readStoredCreationDate(int dirfd, const char* name, FileAttributes* a) {
+  if (a->type == FileAttributes::Type::SymbolicLink) return;
+  static const std::string attribute = ExtendedAttributes::systemName(kCreationDateAttribute);
+  char value[64];
+  const ssize_t n = readAttributeAt(dirfd, name, attribute.c_str(), value, sizeof value);
+  FileTime stored;
+  if (n > 0 && parseStoredTime(value, static_cast<size_t>(n), &stored)) {
+    a->creationTime = stored;
+    a->creationSource = FileAttributes::CreationSource::StoredAttribute;
+  }
 }
 
 std::optional<std::vector<std::string>> listEntries(int dirfd) {
@@ -216,6 +223,10 @@ bool Directory::readEntry(std::string* name) {
 
 bool Directory::attributesOf(const std::string& name, FileAttributes* attributes, bool preferStoredCreationDate) const {
   return statAt(fd_.get(), name.c_str(), attributes, preferStoredCreationDate);
+}
+
+void Directory::readStoredCreationDateOf(const std::string& name, FileAttributes* attributes) const {
+  readStoredCreationDate(fd_.get(), name.c_str(), attributes);
 }
 
 bool Directory::attributes(FileAttributes* attributes) const { return statAt(fd_.get(), "", attributes, false); }

@@ -43,6 +43,10 @@ class Directory {
   // Attributes of the entry `name` (not followed if it is a link).  With
   // `preferStoredCreationDate`, a creation date stored on a copy wins over the birth time.
   bool attributesOf(const std::string& name, FileAttributes* attributes, bool preferStoredCreationDate = false) const;
+  // Replaces the creation date of `attributes` (read from the entry `name`
+  // without its stored date) with the date stored on the copy, when it has
+  // one; links have none.
+  void readStoredCreationDateOf(const std::string& name, FileAttributes* attributes) const;
   // Attributes of this folder itself.
   bool attributes(FileAttributes* attributes) const;
 
@@ -57,6 +61,9 @@ class Directory {
 // Fills `attributes` for `name` relative to `dirfd` (AT_FDCWD for a path),
 // without following a final link.  Shared by the file manager and the copier.
 bool statAt(int dirfd, const char* name, FileAttributes* attributes, bool preferStoredCreationDate);
+
+// What Directory::readStoredCreationDateOf does, for `name` relative to `dirfd`.
+void readStoredCreationDate(int dirfd, const char* name, FileAttributes* attributes);
 
 // The entry names of the folder `dirfd` ("." and ".." left out), read through
 // a duplicate descriptor; nothing when it cannot be listed.

@@ -42,6 +42,8 @@ struct FileAttributes {
   CreationSource creationSource = CreationSource::None;
   FileTime modificationTime;
   FileTime accessTime;
+  FileTime changeTime;          // the inode's change time (moves with any change of data, mode or
+                                // attributes); 0 where the file system did not give it
   uint32_t creatorCode = 0;     // HFS codes: always 0 on Linux
   uint32_t typeCode = 0;
 

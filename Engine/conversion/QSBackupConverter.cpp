@@ -1,6 +1,7 @@
 #include "Engine/conversion/QSBackupConverter.h"
 
 #include "Engine/conversion/QSVessaConversion.h"
+#include "Engine/files/QSBackupFolderWrites.h"
 
 QSBackupConverter::QSBackupConverter(QSBackupConverterDelegate* delegate, std::string mountPath,
                                      QSVessaConversionEnvironment environment)
@@ -20,6 +21,9 @@ void QSBackupConverter::start() {
 }
 
 void QSBackupConverter::run() {
+  // Conversion moves files into backup folders: walks of them made ahead of
+  // time are not used across it.
+  const QSBackupFolderWrites::Scope writing;
   std::shared_ptr<QSVessaConversion> conversion =
       QSVessaConversion::initWithPath_delegate(mountPoint_, delegate_, environment_);
   if (conversion) {

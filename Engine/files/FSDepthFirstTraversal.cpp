@@ -5,6 +5,7 @@
 void FSDepthFirstTraversal::kickOffRecursionWithPath_visitor(const std::string& path, FSVisitor& visitor) {
   currentThread_ = platform::OVThread::currentThread();
   visitor_ = &visitor;
+  wasStopped_ = false;
   visitor.startTraversalOfPath(path);
   _recurse(nullptr, std::string(), path);
   visitor.finishTraversalOfPath(path);
@@ -13,8 +14,10 @@ void FSDepthFirstTraversal::kickOffRecursionWithPath_visitor(const std::string& 
 }
 
 bool FSDepthFirstTraversal::shouldStop() const {
-  if (currentThread_ && currentThread_->isCancelled()) return true;
-  return isCancelled_ && isCancelled_->load(std::memory_order_relaxed);
+  const bool stop = (currentThread_ && currentThread_->isCancelled()) ||
+                    (isCancelled_ && isCancelled_->load(std::memory_order_relaxed));
+  if (stop) wasStopped_ = true;
+  return stop;
 }
 
 bool FSDepthFirstTraversal::attributesOf(platform::Directory* parent, const std::string& name, const std::string& path,

@@ -29,6 +29,8 @@ class FSDepthFirstTraversal {
   // Walks the item `name` of `parent` (the walk's top item when `parent` is null) at `path`.
   virtual void _recurse(platform::Directory* parent, const std::string& name, const std::string& path) = 0;
   bool shouldStop() const;
+  // Whether the last walk was stopped before its end (shouldStop answered true).
+  bool wasStopped() const { return wasStopped_; }
   // The attributes of the item (not followed).
   static bool attributesOf(platform::Directory* parent, const std::string& name, const std::string& path,
                            platform::FileAttributes* attributes, bool preferStoredCreationDate);
@@ -40,5 +42,6 @@ class FSDepthFirstTraversal {
 
  private:
   std::shared_ptr<platform::OVThread> currentThread_;
+  mutable bool wasStopped_ = false;
   const std::atomic<bool>* isCancelled_;
 };

@@ -2,6 +2,27 @@
 
 #include "Engine/files/QSCaseInsensitiveMap.h"
 #include "Engine/records/QSVersionName.h"
+#include "platform/Date.h"
+
+void FSDestinationTraversal::recurseAtDestinationPath_withVisitor(const std::string& destinationPath,
+                                                                 FSVisitor& visitor) {
+  if (cache_) {
+    const double now = platform::Date::now().timeIntervalSince1970();
+    cache_->beginWalk(platform::FileTime{static_cast<int64_t>(now), 0});
+  }
+  kickOffRecursionWithPath_visitor(destinationPath, visitor);
+  if (cache_) cache_->finishWalk(!wasStopped());
+}
+
+bool FSDestinationTraversal::copyAttributes(platform::Directory& folder, const std::string& entry,
+                                            platform::FileAttributes* a) {
+  if (!cache_) return folder.attributesOf(entry, a, true);
+  if (!folder.attributesOf(entry, a, false)) return false;
+  if (!a->isRegularFile() && !a->isSymbolicLink()) return true;
+  if (!cache_->fill(a)) folder.readStoredCreationDateOf(entry, a);
+  cache_->remember(*a);
+  return true;
+}
 
 void FSDestinationTraversal::_recurse(platform::Directory* parent, const std::string& name, const std::string& path) {
   if (shouldStop()) return;
@@ -22,7 +43,7 @@ void FSDestinationTraversal::_recurse(platform::Directory* parent, const std::st
     std::string entry;
     while (!shouldStop() && folder->readEntry(&entry)) {
       platform::FileAttributes a;
-      if (!folder->attributesOf(entry, &a, true)) continue;
+      if (!copyAttributes(*folder, entry, &a)) continue;
       if (a.isRegularFile() || a.isSymbolicLink()) {
         const auto parsed = QSParseFileName(entry);
         if (!parsed) continue;

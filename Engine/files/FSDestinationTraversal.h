@@ -5,19 +5,31 @@
 // path ending in the lower-cased plain name.  Files whose names are not
 // versioned names are ignored.  Subfolders are walked as they are listed,
 // before the folder's groups are reported.  Copies' creation dates come
-// from the stored creation-date attribute where there is one.
+// from the stored creation-date attribute where there is one; given a
+// creation-date cache, a copy the cache knows as it is is not read again,
+// and a walk that ends without being stopped renews the cache.
 #pragma once
 
+#include <memory>
+
 #include "Engine/files/FSDepthFirstTraversal.h"
+#include "Engine/files/QSCreationDateCache.h"
 
 class FSDestinationTraversal : public FSDepthFirstTraversal {
  public:
   using FSDepthFirstTraversal::FSDepthFirstTraversal;
 
-  void recurseAtDestinationPath_withVisitor(const std::string& destinationPath, FSVisitor& visitor) {
-    kickOffRecursionWithPath_visitor(destinationPath, visitor);
-  }
+  void recurseAtDestinationPath_withVisitor(const std::string& destinationPath, FSVisitor& visitor);
+
+  // The cache consulted and renewed by the walk (none by default).
+  void setCreationDateCache(std::shared_ptr<QSCreationDateCache> cache) { cache_ = std::move(cache); }
 
  protected:
   void _recurse(platform::Directory* parent, const std::string& name, const std::string& path) override;
+
+ private:
+  // The attributes of the copy `entry` of `folder`, with its stored creation date.
+  bool copyAttributes(platform::Directory& folder, const std::string& entry, platform::FileAttributes* attributes);
+
+  std::shared_ptr<QSCreationDateCache> cache_;
 };

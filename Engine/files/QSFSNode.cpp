@@ -58,8 +58,9 @@ std::shared_ptr<QSFSNode> QSFSNode::childWithName(const std::string& name) const
 
 std::vector<std::shared_ptr<QSFSNode>> QSFSNode::childEnumerator() const { return children().objectEnumerator(); }
 
-std::shared_ptr<QSFSVersion> QSFSNode::latestVersion() const {
-  if (!versions_ || versions_->empty()) return nullptr;
+const std::shared_ptr<QSFSVersion>& QSFSNode::latestVersion() const {
+  static const std::shared_ptr<QSFSVersion> none;
+  if (!versions_ || versions_->empty()) return none;
   return versions_->front();
 }
 
@@ -154,7 +155,7 @@ std::string QSFSNode::description() const {
 
 QSFSFileAttributes QSFSNode::destinationAttributes() const {
   if (dst_) return *dst_;
-  if (const auto latest = latestVersion()) return latest->attributes();
+  if (const auto& latest = latestVersion()) return latest->attributes();
   return QSFSFileAttributes();
 }
 

@@ -54,7 +54,7 @@ class QSFSNode {
   std::shared_ptr<QSFSNode> childWithName(const std::string& name) const;
   // The children in the map's order.
   std::vector<std::shared_ptr<QSFSNode>> childEnumerator() const;
-  std::shared_ptr<QSFSVersion> latestVersion() const;
+  const std::shared_ptr<QSFSVersion>& latestVersion() const;
   std::shared_ptr<QSFSVersion> oldestVersion() const;
   // Parent's full path joined with the version's file name; nothing without a
   // parent or version.  An index past the end raises "NSRangeException".

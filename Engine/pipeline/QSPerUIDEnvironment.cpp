@@ -1,13 +1,16 @@
 #include "Engine/pipeline/QSPerUIDEnvironment.h"
 
 #include "Engine/files/FSDestinationTraversal.h"
+#include "Engine/files/QSBackupFolderWrites.h"
 #include "Engine/files/QSFSDepthFirstTreeTraversal.h"
+#include "Engine/pipeline/QSDestinationPrefetch.h"
 #include "Engine/pipeline/QSTransferInstrument.h"
 #include "Engine/records/QSBackupAttributes.h"
 #include "Engine/records/QSBackupEntry.h"
 #include "Engine/records/QSCategoryIdentifiers.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
+#include "platform/Memory.h"
 #include "platform/Path.h"
 
 namespace {
@@ -162,7 +165,13 @@ void QSPerUIDEnvironment::run() {
     waitForWork();
     setStage(kStageHousekeeping);
     platform::Log::line("+++ housekeeping");
-    if (const auto token = currentToken()) runJobWithToken(token);
+    if (const auto token = currentToken()) {
+      runJobWithToken(token);
+      // The job's tree (the largest object of a backup) is gone: the pages
+      // it held go back to the system rather than staying with the engine
+      // until the next backup.
+      platform::Memory::releaseFreedMemory();
+    }
     if (threadCancelled()) return;
   }
 }
@@ -199,6 +208,8 @@ void QSPerUIDEnvironment::runJobWithToken(const std::shared_ptr<QSToken>& token)
   std::shared_ptr<QSFSMutableNode> tree;
   std::shared_ptr<QSMutableTally> tally;
   token->getTree_tally(&tree, &tally);
+  // The token may outlive the job (its requester holds it): it keeps no tree.
+  token->setTree_tally(nullptr, tally);
   if (!tree) tree = QSFSMutableNode::initWithPath("/");
   if (!tally) tally = QSMutableTally::init();
   setTally(tally);
@@ -255,8 +266,24 @@ std::unique_ptr<QSTransferInstrument> QSPerUIDEnvironment::makeInstrument(const 
 void QSPerUIDEnvironment::runDestinationTallyWithToken(const std::shared_ptr<QSToken>& token) {
   client_->startedDestinationTally_withUID(tally(), uid_);
   setStage(kStageDestinationTally);
-  FSDestinationTraversal traversal(&jobCancelled_);
-  traversal.recurseAtDestinationPath_withVisitor(token->destinationPath().value_or(std::string()), *this);
+  const std::string destination = token->destinationPath().value_or(std::string());
+  std::shared_ptr<const QSRecordedWalk> recorded;
+  if (auto prefetch = token->takeDestinationPrefetch()) {
+    std::string why;
+    recorded = prefetch->take(destination, &jobCancelled_, &why);
+    if (!recorded && !jobCancelled_.load())
+      platform::Log::format("Backup folder read ahead of time not used (%s): reading %s now", why.c_str(),
+                            destination.c_str());
+  }
+  if (recorded) {
+    recorded->playTo(*this, &jobCancelled_);
+  } else {
+    const auto cache = QSCreationDateCache::forBackupFolder(destination);
+    FSDestinationTraversal traversal(&jobCancelled_);
+    traversal.setCreationDateCache(cache);
+    traversal.recurseAtDestinationPath_withVisitor(destination, *this);
+    cache->keep();
+  }
   auto instrument = makeInstrument(token, true);
   if (!host_ || !host_->skipTransfer()) {
     QSFSDepthFirstTreeTraversal walk(&jobCancelled_);
@@ -271,6 +298,7 @@ void QSPerUIDEnvironment::runBackupWithToken(const std::shared_ptr<QSToken>& tok
   setStage(kStageTransfer);
   auto instrument = makeInstrument(token, false);
   if ((!host_ || !host_->skipTransfer()) && !jobCancelled_.load()) {
+    const QSBackupFolderWrites::Scope writing;
     QSFSDepthFirstTreeTraversal walk(&jobCancelled_);
     walk.traverseTree_withVisitor(root_, *instrument);
     // Copies are not flushed one by one; one sync of the disk makes them durable.
@@ -355,7 +383,7 @@ std::shared_ptr<QSFSNode> QSPerUIDEnvironment::groupNodeAtPath_versions(const st
   }
   auto node = QSFSMutableNode::from(child);
   node->setVersions(versions);
-  const auto latest = node->latestVersion();
+  const auto& latest = node->latestVersion();
   if (!latest) return node;
   const QSCategoryMask mask = nodeStack_.applicableCategoryMask(name);
   const auto tally = this->tally();

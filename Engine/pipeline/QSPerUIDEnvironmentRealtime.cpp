@@ -6,6 +6,7 @@
 // real-time copies never overlap each other or the backup's scheduled copy.
 // Nothing here holds the environment's lock, and clients are called without
 // any lock held.
+#include "Engine/files/QSBackupFolderWrites.h"
 #include "Engine/files/QSFSNode.h"
 #include "Engine/files/QSFSNodeStack.h"
 #include "Engine/files/QSPathFilter.h"
@@ -168,6 +169,8 @@ void QSPerUIDEnvironment::copyFile_withAttributes_onlyDoARenameOnLastVersion(con
   const std::string destinationFolder = platform::appendingPathComponent(*destination, relativeFolder);
   platform::Log::format("++++++ might backup: %s to %s", sourcePath.c_str(), destinationFolder.c_str());
 
+  // A walk of the backup folder made ahead of time is not used across this.
+  const QSBackupFolderWrites::Scope writing;
   auto folder = insureBackupFolder(*destination, relativeFolder, home);
   if (!folder) return;
 

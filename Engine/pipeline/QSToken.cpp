@@ -23,7 +23,18 @@ void QSToken::endWithOutcome(const QSBackupOutcome& outcome) {
   if (tokenDelegate_ && uid()) tokenDelegate_->tokenDidEnd(*this, outcome);
 }
 
+void QSToken::setDestinationPrefetch(std::shared_ptr<QSDestinationPrefetch> prefetch) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  prefetch_ = std::move(prefetch);
+}
+
+std::shared_ptr<QSDestinationPrefetch> QSToken::takeDestinationPrefetch() {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  return std::exchange(prefetch_, nullptr);
+}
+
 void QSToken::endCancelled() {
+  takeDestinationPrefetch();
   const auto identifier = uid();
   if (!identifier) return;
   QSBackupOutcome outcome;

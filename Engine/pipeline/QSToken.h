@@ -21,6 +21,7 @@
 #include "Engine/records/QSBackupOutcome.h"
 #include "Engine/records/QSMutableTally.h"
 
+class QSDestinationPrefetch;
 class QSFSMutableNode;
 
 class QSToken : public QSRunnable {
@@ -59,6 +60,11 @@ class QSToken : public QSRunnable {
   void setTree_tally(std::shared_ptr<QSFSMutableNode> tree, std::shared_ptr<QSMutableTally> tally);
   void getTree_tally(std::shared_ptr<QSFSMutableNode>* tree, std::shared_ptr<QSMutableTally>* tally) const;
 
+  // The backup folder's walk made ahead of time for this token, if any;
+  // taking it leaves none (dropping the last holder stops its walk).
+  void setDestinationPrefetch(std::shared_ptr<QSDestinationPrefetch> prefetch);
+  std::shared_ptr<QSDestinationPrefetch> takeDestinationPrefetch();
+
   bool wantsBackup() const { return wantsBackup_.load(); }
   void setWantsBackup(bool wantsBackup) { wantsBackup_.store(wantsBackup); }
   uint32_t versionDepth() const { return versionDepth_.load(); }
@@ -74,6 +80,7 @@ class QSToken : public QSRunnable {
   std::optional<Categories> categories_;
   std::shared_ptr<QSFSMutableNode> tree_;
   std::shared_ptr<QSMutableTally> tally_;
+  std::shared_ptr<QSDestinationPrefetch> prefetch_;
   std::atomic<bool> wantsBackup_{false};
   std::atomic<uint32_t> versionDepth_{0};
 };

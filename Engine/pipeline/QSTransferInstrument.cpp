@@ -93,7 +93,7 @@ void QSTransferInstrument::visitFolder(const QSFSNode& node) {
 void QSTransferInstrument::visitFile(const std::shared_ptr<QSFSNode>& node, QSCategoryMask categories) {
   const bool hadVersions = node->hasVersions();
   const QSFSFileAttributes source = node->sourceAttributes();
-  const auto latest = hadVersions ? node->latestVersion() : nullptr;
+  const auto& latest = node->latestVersion();  // none without versions
   const QSFSFileAttributes stored = latest ? latest->attributes() : QSFSFileAttributes();
   if (hadVersions && QSIsUnchangedCopy(source, stored, traits_)) return;
   const QSCategoryMask wanted = categories & categoryFilter_;

@@ -2,6 +2,7 @@
 
 #include "Engine/files/FSSourceTraversal.h"
 #include "Engine/files/QSSourceTreeBuilder.h"
+#include "Engine/pipeline/QSDestinationPrefetch.h"
 #include "platform/Date.h"
 
 QSUserEnvironment::QSUserEnvironment(Passkey, std::string name, std::string homeDir)
@@ -53,6 +54,7 @@ void QSUserEnvironment::runCycle() {
     root_ = QSFSMutableNode::initWithPath("/");
     walkCancelled_.store(isPipeCancelled_.load());
     cancelledTokens_ = walkCancelled_.load() ? queue_.size() : 0;
+    if (!walkCancelled_.load()) startDestinationPrefetches();
   }
   runSourceTally();
   std::vector<std::shared_ptr<QSToken>> dropped;
@@ -75,6 +77,18 @@ void QSUserEnvironment::runCycle() {
     tally_.reset();
   }
   for (const auto& token : dropped) token->endCancelled();
+}
+
+void QSUserEnvironment::startDestinationPrefetches() {
+  // Each backup folder is walked on a thread of its own while the home
+  // folder is counted here; the second stage plays the walk back when it
+  // still stands.  Tokens that join during the count walk their folder in
+  // the second stage, as ever.
+  for (const auto& token : queue_) {
+    if (!token->wantsDestinationTally()) continue;
+    const auto destination = token->destinationPath();
+    if (destination && !destination->empty()) token->setDestinationPrefetch(QSDestinationPrefetch::start(*destination));
+  }
 }
 
 void QSUserEnvironment::dispatchQueuedTokens() {

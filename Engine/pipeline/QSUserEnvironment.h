@@ -131,6 +131,8 @@ class QSUserEnvironment : public platform::Object,
  private:
   void append(const std::shared_ptr<QSToken>& token);
   void dispatchQueuedTokens();
+  // Starts the walk ahead of time of each queued token's backup folder (under the lock).
+  void startDestinationPrefetches();
 
   const std::string homeDir_;
   const std::string name_;

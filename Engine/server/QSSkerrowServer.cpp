@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "Engine/files/QSBlackList.h"
+#include "Engine/files/QSCreationDateCache.h"
 #include "Engine/files/QSFSNodeStack.h"
 #include "Engine/records/QSVolumeFunctions.h"
 #include "platform/Deadline.h"
@@ -118,6 +119,8 @@ void QSSkerrowServer::init(const QSServerEnvironment& environment) {
 
   if (!platform::FileManager::fileExistsAtPath_traverseLink(dbDir_, false))
     platform::FileManager::insureDirectoryAtPath(dbDir_);
+  // The creation dates of stored copies are kept beside the database.
+  QSCreationDateCache::setStoreFolder(dbDir_);
 
   converterFactory_ = environment.converterFactory;
   clock_ = environment.clock;

@@ -1,0 +1,169 @@
+#include "Engine/files/QSCreationDateCache.h"
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+
+#include "platform/AtomicFile.h"
+#include "platform/FileManager.h"
+#include "platform/Log.h"
+#include "platform/Path.h"
+
+namespace {
+
+std::mutex registryLock;
+std::string storeFolder;  // under registryLock
+
+constexpr char kMagic[16] = "skerrow-cdc-v1\n";
+constexpr size_t kHeaderSize = 16 + 8 + 8 + 8 + 8;  // magic, folder inode, birth seconds, nanoseconds, count
+constexpr size_t kMaximumEntries = 64u << 20;
+
+uint64_t checksum(const char* bytes, size_t size) {  // FNV-1a
+  uint64_t hash = 14695981039346656037ull;
+  for (size_t i = 0; i < size; ++i) hash = (hash ^ static_cast<unsigned char>(bytes[i])) * 1099511628211ull;
+  return hash;
+}
+
+template <class T>
+void put(std::string* out, T value) {
+  out->append(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+template <class T>
+T get(const std::string& in, size_t at) {
+  T value;
+  std::memcpy(&value, in.data() + at, sizeof value);
+  return value;
+}
+
+}  // namespace
+
+std::shared_ptr<QSCreationDateCache> QSCreationDateCache::forBackupFolder(const std::string& path) {
+  static std::map<std::string, std::shared_ptr<QSCreationDateCache>> registry;
+  std::lock_guard<std::mutex> lock(registryLock);
+  auto& cache = registry[path];
+  if (!cache) {
+    const std::string name = platform::lastPathComponent(path);
+    const bool kept = !storeFolder.empty() && !name.empty() && name != "/" && name != "." && name != "..";
+    cache = std::make_shared<QSCreationDateCache>(
+        path, kept ? platform::appendingPathComponent(storeFolder, "creationdates-" + name + ".cache") : std::string());
+  }
+  return cache;
+}
+
+void QSCreationDateCache::setStoreFolder(const std::string& folder) {
+  std::lock_guard<std::mutex> lock(registryLock);
+  storeFolder = folder;
+}
+
+QSCreationDateCache::QSCreationDateCache(std::string folderPath, std::string file)
+    : folderPath_(std::move(folderPath)), file_(std::move(file)) {
+  if (!file_.empty()) load();
+}
+
+std::string QSCreationDateCache::encode(const platform::FileAttributes& identity, const std::vector<Entry>& entries) {
+  static_assert(sizeof(Entry) == 32, "entries are kept as they lie in memory");
+  std::string bytes(kMagic, sizeof kMagic);
+  put<uint64_t>(&bytes, identity.inode);
+  put<int64_t>(&bytes, identity.creationTime.seconds);
+  put<uint64_t>(&bytes, identity.creationTime.nanoseconds);
+  put<uint64_t>(&bytes, entries.size());
+  bytes.append(reinterpret_cast<const char*>(entries.data()), entries.size() * sizeof(Entry));
+  put<uint64_t>(&bytes, checksum(bytes.data(), bytes.size()));
+  return bytes;
+}
+
+void QSCreationDateCache::load() {
+  platform::FileAttributes folder;
+  if (!platform::FileManager::attributesAtPath(folderPath_, &folder) || !folder.isDirectory()) return;
+  const auto bytes = platform::AtomicFile::read(file_, kHeaderSize + kMaximumEntries * sizeof(Entry) + 8);
+  if (!bytes) return;
+  auto ignore = [&](const char* why) { platform::Log::format("Ignored the creation-date cache %s: %s", file_.c_str(), why); };
+  if (bytes->size() < kHeaderSize + 8 || bytes->compare(0, sizeof kMagic, kMagic, sizeof kMagic) != 0)
+    return ignore("not a cache");
+  const uint64_t count = get<uint64_t>(*bytes, 40);
+  if (count > kMaximumEntries || bytes->size() != kHeaderSize + count * sizeof(Entry) + 8) return ignore("damaged");
+  if (get<uint64_t>(*bytes, bytes->size() - 8) != checksum(bytes->data(), bytes->size() - 8)) return ignore("damaged");
+  if (get<uint64_t>(*bytes, 16) != folder.inode || get<int64_t>(*bytes, 24) != folder.creationTime.seconds ||
+      get<uint64_t>(*bytes, 32) != folder.creationTime.nanoseconds)
+    return;  // another folder now has this path: nothing of it applies
+  std::vector<Entry> entries(count);
+  std::memcpy(entries.data(), bytes->data() + kHeaderSize, count * sizeof(Entry));
+  for (size_t i = 1; i < entries.size(); ++i)
+    if (entries[i - 1].inode > entries[i].inode) return ignore("damaged");
+  std::lock_guard<std::mutex> lock(lock_);
+  known_ = std::move(entries);
+  device_ = folder.device;
+}
+
+void QSCreationDateCache::keep() {
+  if (file_.empty()) return;
+  platform::FileAttributes folder;
+  if (!platform::FileManager::attributesAtPath(folderPath_, &folder) || !folder.isDirectory()) return;
+  std::string bytes;
+  {
+    std::lock_guard<std::mutex> lock(lock_);
+    if (!renewed_ || device_ != folder.device) return;
+    renewed_ = false;
+    bytes = encode(folder, known_);
+  }
+  if (!platform::AtomicFile::write(file_, bytes, 0600))
+    platform::Log::format("Unable to keep the creation-date cache %s", file_.c_str());
+}
+
+bool QSCreationDateCache::fill(platform::FileAttributes* a) const {
+  if (a->changeTime == platform::FileTime{}) return false;  // a file system that gives no change time
+  std::lock_guard<std::mutex> lock(lock_);
+  if (known_.empty() || a->device != device_) return false;
+  const auto it = std::lower_bound(known_.begin(), known_.end(), a->inode,
+                                   [](const Entry& e, uint64_t inode) { return e.inode < inode; });
+  if (it == known_.end() || it->inode != a->inode) return false;
+  if (it->changeSeconds != a->changeTime.seconds || it->changeNanoseconds != a->changeTime.nanoseconds) return false;
+  if (it->creation & kStored) {
+    a->creationTime = platform::FileTime{it->creationSeconds, it->creation & ~kStored};
+    a->creationSource = platform::FileAttributes::CreationSource::StoredAttribute;
+  }
+  // Without a stored date the copy's own birth time, already read, stands.
+  return true;
+}
+
+void QSCreationDateCache::beginWalk(platform::FileTime now) {
+  std::lock_guard<std::mutex> lock(lock_);
+  rememberBefore_ = now.seconds - margin_;
+}
+
+void QSCreationDateCache::setRecentChangeMargin(int64_t seconds) {
+  std::lock_guard<std::mutex> lock(lock_);
+  margin_ = seconds;
+}
+
+void QSCreationDateCache::remember(const platform::FileAttributes& a) {
+  const bool stored = a.creationSource == platform::FileAttributes::CreationSource::StoredAttribute;
+  const Entry entry{a.inode, a.changeTime.seconds, stored ? a.creationTime.seconds : 0, a.changeTime.nanoseconds,
+                    stored ? (a.creationTime.nanoseconds | kStored) : 0};
+  if (a.changeTime == platform::FileTime{}) return;
+  std::lock_guard<std::mutex> lock(lock_);
+  if (a.changeTime.seconds >= rememberBefore_) return;
+  // A walk that crosses onto another device (a disk mounted inside the
+  // backup folder) is not remembered at all: one device per cache.
+  if (found_.empty()) foundDevice_ = a.device;
+  if (a.device != foundDevice_) return;
+  found_.push_back(entry);
+}
+
+void QSCreationDateCache::finishWalk(bool completed) {
+  std::lock_guard<std::mutex> lock(lock_);
+  if (completed) {
+    std::sort(found_.begin(), found_.end(), [](const Entry& x, const Entry& y) { return x.inode < y.inode; });
+    known_.swap(found_);
+    device_ = foundDevice_;
+    renewed_ = true;
+  }
+  found_.clear();
+  found_.shrink_to_fit();
+}
+
+size_t QSCreationDateCache::count() const {
+  std::lock_guard<std::mutex> lock(lock_);
+  return known_.size();
+}

@@ -1,0 +1,96 @@
+// The creation dates stored on the copies of one backup folder, remembered
+// from one walk of the folder to the next.  Reading a copy's stored date is
+// one more system call per copy, as costly as examining the copy itself;
+// but the stored attribute can only change together with the copy's change
+// time (setting an extended attribute moves it, and no program can set a
+// change time back), so a copy found again with the same inode and change
+// time still carries the date remembered for it.
+//
+// A walk asks `fill` for each copy it examines without its stored date and
+// tells `remember` the attributes it ends up with; when the walk ends,
+// `finishWalk` makes what it remembered the cache (copies that went away are
+// forgotten).  An interrupted walk's findings are dropped and the previous
+// ones kept.  A file system's clock may be coarse (a few milliseconds): a
+// change made in the same tick as the change a walk saw would leave the
+// change time as it was.  So a copy changed less than a margin (a second)
+// before the walk began is not remembered, and is read again next time;
+// any later change gets a later change time than the one remembered.
+//
+// Between runs of the engine the cache is kept in the engine's store
+// folder (never on the backup disk), one file per backup folder, named for
+// the folder's last component and bound to the folder's inode and birth
+// time; a file that does not match, or is damaged, is ignored.
+//
+// Thread-safe; entries take 32 bytes.
+#pragma once
+
+#include <climits>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/FileAttributes.h"
+
+class QSCreationDateCache {
+ public:
+  // The cache of the backup folder at `path`, made on first use (from its
+  // kept file, when there is one that matches) and kept for the engine's life.
+  static std::shared_ptr<QSCreationDateCache> forBackupFolder(const std::string& path);
+  // The folder where caches are kept between runs; empty (the default):
+  // they are not kept.  Set once, before the first backup.
+  static void setStoreFolder(const std::string& folder);
+
+  // A cache of the backup folder at `folderPath` kept in the file `file`
+  // (no file: kept in memory only); read from the file when it matches.
+  QSCreationDateCache(std::string folderPath = std::string(), std::string file = std::string());
+
+  // Begins a walk at `now` (the wall clock, as file times are).
+  void beginWalk(platform::FileTime now);
+  // How long before a walk a copy's last change must lie for the copy to be
+  // remembered, in seconds (1 unless changed).
+  void setRecentChangeMargin(int64_t seconds);
+
+  // When the copy described by `attributes` (examined without its stored
+  // date) is known with the same device, inode and change time, sets its
+  // creation date and source as remembered and answers true.
+  bool fill(platform::FileAttributes* attributes) const;
+  // Remembers the creation date of a copy examined with its stored date.
+  void remember(const platform::FileAttributes& attributes);
+  // Ends a walk: with `completed`, the copies it remembered become the
+  // cache; otherwise they are dropped.
+  void finishWalk(bool completed);
+
+  // Copies known from the last completed walk.
+  size_t count() const;
+
+  // Writes the cache to its file when a walk renewed it since it was last
+  // written.  Meant for after the walk, off the path of a backup.
+  void keep();
+
+ private:
+  struct Entry {
+    uint64_t inode;
+    int64_t changeSeconds;
+    int64_t creationSeconds;
+    uint32_t changeNanoseconds;
+    uint32_t creation;  // nanoseconds, with kStored set when the date came from the stored attribute
+  };
+  static constexpr uint32_t kStored = 1u << 31;
+
+  // The file's bytes for `entries`, bound to the folder `identity`.
+  static std::string encode(const platform::FileAttributes& identity, const std::vector<Entry>& entries);
+  void load();
+
+  const std::string folderPath_;
+  const std::string file_;
+  mutable std::mutex lock_;
+  bool renewed_ = false;
+  uint64_t device_ = 0;
+  std::vector<Entry> known_;  // sorted by inode
+  std::vector<Entry> found_;  // during a walk, in walk order
+  uint64_t foundDevice_ = 0;
+  int64_t margin_ = 1;
+  int64_t rememberBefore_ = INT64_MAX;  // seconds: copies changed from then on are not remembered
+};

@@ -1,0 +1,147 @@
+#include "Engine/files/QSRecordedWalk.h"
+
+#include <limits>
+
+namespace {
+
+// How walks build a path from a folder's and a name.
+std::string join(const std::string& folder, const std::string& name) {
+  if (!folder.empty() && folder.back() == '/') return folder + name;
+  return folder + "/" + name;
+}
+
+}  // namespace
+
+void QSRecordedWalk::startTraversalOfPath(const std::string& path) {
+  if (started_) unplayable_ = true;  // one walk per recording
+  started_ = true;
+  top_ = path;
+}
+
+void QSRecordedWalk::finishTraversalOfPath(const std::string& path) {
+  if (path != top_ || !open_.empty()) unplayable_ = true;
+  finished_ = true;
+  open_.clear();
+  open_.shrink_to_fit();
+}
+
+bool QSRecordedWalk::nameBelowOpenFolder(const std::string& path, std::string* name) const {
+  if (open_.empty()) {
+    // The top item itself, recorded by its full path.
+    *name = path;
+    return path == top_;
+  }
+  const std::string& folder = open_.back();
+  const size_t skip = !folder.empty() && folder.back() == '/' ? folder.size() : folder.size() + 1;
+  if (path.size() <= skip || path.compare(0, folder.size(), folder) != 0) return false;
+  name->assign(path, skip);
+  return join(folder, *name) == path;
+}
+
+void QSRecordedWalk::add(Kind kind, const std::string& name, uint32_t payload, uint32_t count) {
+  if (names_.size() + name.size() > std::numeric_limits<uint32_t>::max()) {
+    unplayable_ = true;
+    return;
+  }
+  steps_.push_back(Step{kind, static_cast<uint32_t>(names_.size()), static_cast<uint32_t>(name.size()), payload, count});
+  names_ += name;
+}
+
+bool QSRecordedWalk::startVisitAtPath_attributes(const std::string& path, const platform::FileAttributes& attributes) {
+  std::string name;
+  if (!started_ || finished_ || !nameBelowOpenFolder(path, &name)) {
+    unplayable_ = true;
+    return false;
+  }
+  add(Kind::StartItem, name, static_cast<uint32_t>(attributes_.size()), 0);
+  attributes_.push_back(attributes);
+  open_.push_back(path);
+  return true;
+}
+
+void QSRecordedWalk::finishVisitAtPath_attributes(const std::string& path, const platform::FileAttributes& attributes) {
+  if (open_.empty() || open_.back() != path) {
+    unplayable_ = true;
+    return;
+  }
+  open_.pop_back();
+  add(Kind::FinishItem, std::string(), static_cast<uint32_t>(attributes_.size()), 0);
+  attributes_.push_back(attributes);
+}
+
+void QSRecordedWalk::startVisitOfGroup_atPath(const QSFSVersionArray& versions, const std::string& path) {
+  std::string name;
+  if (open_.empty() || !nameBelowOpenFolder(path, &name)) {
+    unplayable_ = true;
+    return;
+  }
+  add(Kind::StartGroup, name, static_cast<uint32_t>(versions_.size()), static_cast<uint32_t>(versions.size()));
+  versions_.insert(versions_.end(), versions.begin(), versions.end());
+}
+
+void QSRecordedWalk::finishVisitOfGroup_atPath(const QSFSVersionArray& versions, const std::string& path) {
+  // A walk finishes a group with the copies and path it started it with:
+  // the finish step plays back the start's.
+  const Step* start = steps_.empty() ? nullptr : &steps_.back();
+  std::string name;
+  if (!start || start->kind != Kind::StartGroup || start->count != versions.size() ||
+      !nameBelowOpenFolder(path, &name) || names_.compare(start->nameOffset, start->nameLength, name) != 0) {
+    unplayable_ = true;
+    return;
+  }
+  for (size_t i = 0; i < versions.size(); ++i)
+    if (versions_[start->payload + i] != versions[i]) unplayable_ = true;
+  steps_.push_back(Step{Kind::FinishGroup, start->nameOffset, start->nameLength, start->payload, start->count});
+}
+
+const platform::FileAttributes* QSRecordedWalk::topAttributes() const {
+  if (steps_.empty() || steps_.front().kind != Kind::StartItem) return nullptr;
+  return &attributes_[steps_.front().payload];
+}
+
+void QSRecordedWalk::playTo(FSVisitor& visitor, const std::atomic<bool>* stop) const {
+  if (!isComplete()) return;
+  visitor.startTraversalOfPath(top_);
+  std::vector<std::string> paths;  // the items started and not finished
+  QSFSVersionArray group;
+  auto pathOf = [&](const Step& step) {
+    const std::string name(names_, step.nameOffset, step.nameLength);
+    return paths.empty() ? name : join(paths.back(), name);
+  };
+  for (size_t i = 0; i < steps_.size(); ++i) {
+    if (stop && stop->load(std::memory_order_relaxed)) break;
+    const Step& step = steps_[i];
+    switch (step.kind) {
+      case Kind::StartItem: {
+        std::string path = pathOf(step);
+        if (visitor.startVisitAtPath_attributes(path, attributes_[step.payload])) {
+          paths.push_back(std::move(path));
+          break;
+        }
+        // Declined: the item's contents are skipped, its finish is made.
+        size_t depth = 1;
+        while (depth > 0 && ++i < steps_.size()) {
+          if (steps_[i].kind == Kind::StartItem) ++depth;
+          if (steps_[i].kind == Kind::FinishItem) --depth;
+        }
+        if (i < steps_.size()) visitor.finishVisitAtPath_attributes(path, attributes_[steps_[i].payload]);
+        break;
+      }
+      case Kind::FinishItem:
+        visitor.finishVisitAtPath_attributes(paths.back(), attributes_[step.payload]);
+        paths.pop_back();
+        break;
+      case Kind::StartGroup:
+      case Kind::FinishGroup: {
+        group.assign(versions_.begin() + step.payload, versions_.begin() + step.payload + step.count);
+        const std::string path = pathOf(step);
+        if (step.kind == Kind::StartGroup)
+          visitor.startVisitOfGroup_atPath(group, path);
+        else
+          visitor.finishVisitOfGroup_atPath(group, path);
+        break;
+      }
+    }
+  }
+  visitor.finishTraversalOfPath(top_);
+}

@@ -1,0 +1,197 @@
+#include "Engine/files/QSCreationDateCache.h"
+
+#include <gtest/gtest.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "Engine/files/FSDestinationTraversal.h"
+#include "platform/FileManager.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/WalkLog.h"
+
+using skerrow_test::WalkLog;
+
+namespace {
+
+platform::FileAttributes copyAttributes(uint64_t inode, int64_t changed, int64_t created, bool stored) {
+  platform::FileAttributes a;
+  a.type = platform::FileAttributes::Type::Regular;
+  a.device = 7;
+  a.inode = inode;
+  a.changeTime = platform::FileTime{changed, 5};
+  a.creationTime = platform::FileTime{created, 250};
+  a.creationSource = stored ? platform::FileAttributes::CreationSource::StoredAttribute
+                            : platform::FileAttributes::CreationSource::BirthTime;
+  return a;
+}
+
+bool setStoredDate(const std::string& path, const std::string& value) {
+  return ::setxattr(path.c_str(), "user.com.qsc.creation-date", value.data(), value.size(), 0) == 0;
+}
+
+std::vector<std::string> walked(const std::string& path, std::shared_ptr<QSCreationDateCache> cache) {
+  WalkLog log;
+  FSDestinationTraversal traversal(nullptr);
+  traversal.setCreationDateCache(std::move(cache));
+  traversal.recurseAtDestinationPath_withVisitor(path, log);
+  return log.calls;
+}
+
+}  // namespace
+
+TEST(QSCreationDateCacheTest, ACopyKnownWithTheSameInodeAndChangeTimeGetsItsRememberedDate) {
+  QSCreationDateCache cache;
+  cache.remember(copyAttributes(12, 100, 5000, true));
+  cache.remember(copyAttributes(3, 100, 6000, false));
+  cache.finishWalk(true);
+  EXPECT_EQ(cache.count(), 2u);
+
+  auto examined = copyAttributes(12, 100, 1, false);  // as read without the stored date
+  ASSERT_TRUE(cache.fill(&examined));
+  EXPECT_EQ(examined.creationTime, (platform::FileTime{5000, 250}));
+  EXPECT_EQ(examined.creationSource, platform::FileAttributes::CreationSource::StoredAttribute);
+
+  // A copy without a stored date keeps its own birth time.
+  auto plain = copyAttributes(3, 100, 42, false);
+  ASSERT_TRUE(cache.fill(&plain));
+  EXPECT_EQ(plain.creationTime, (platform::FileTime{42, 250}));
+  EXPECT_EQ(plain.creationSource, platform::FileAttributes::CreationSource::BirthTime);
+}
+
+TEST(QSCreationDateCacheTest, AnotherChangeTimeInodeOrDeviceIsNotKnown) {
+  QSCreationDateCache cache;
+  cache.remember(copyAttributes(12, 100, 5000, true));
+  cache.finishWalk(true);
+  auto changed = copyAttributes(12, 101, 1, false);
+  EXPECT_FALSE(cache.fill(&changed));
+  EXPECT_EQ(changed.creationTime.seconds, 1);
+  auto nanos = copyAttributes(12, 100, 1, false);
+  nanos.changeTime.nanoseconds = 6;
+  EXPECT_FALSE(cache.fill(&nanos));
+  auto other = copyAttributes(13, 100, 1, false);
+  EXPECT_FALSE(cache.fill(&other));
+  auto disk = copyAttributes(12, 100, 1, false);
+  disk.device = 8;
+  EXPECT_FALSE(cache.fill(&disk));
+}
+
+TEST(QSCreationDateCacheTest, AnInterruptedWalkKeepsThePreviousDatesAndACompletedOneForgetsVanishedCopies) {
+  QSCreationDateCache cache;
+  cache.remember(copyAttributes(1, 100, 5000, true));
+  cache.remember(copyAttributes(2, 100, 5001, true));
+  cache.finishWalk(true);
+  cache.remember(copyAttributes(1, 100, 5000, true));
+  cache.finishWalk(false);
+  EXPECT_EQ(cache.count(), 2u);
+  cache.remember(copyAttributes(2, 100, 5001, true));
+  cache.finishWalk(true);
+  EXPECT_EQ(cache.count(), 1u);
+  auto gone = copyAttributes(1, 100, 0, false);
+  EXPECT_FALSE(cache.fill(&gone));
+}
+
+TEST(QSCreationDateCacheTest, OneCacheServesOneBackupFolderForTheEnginesLife) {
+  const auto a = QSCreationDateCache::forBackupFolder("/media/disk/qs skerrow.skstor/A");
+  EXPECT_EQ(a, QSCreationDateCache::forBackupFolder("/media/disk/qs skerrow.skstor/A"));
+  EXPECT_NE(a, QSCreationDateCache::forBackupFolder("/media/disk/qs skerrow.skstor/B"));
+}
+
+TEST(QSCreationDateCacheTest, AWalkWithTheCacheReportsWhatAWalkWithoutItDoesAndSeesAChangedStoredDate) {
+  skerrow_test::TempDir dir;
+  const std::string backup = dir.mkdir("U");
+  const std::string first = dir.write("U/a@0.txt", "a");
+  const std::string second = dir.write("U/Documents/b@2.txt", "bb");
+  dir.write("U/Documents/c@0.txt", "c");
+  if (!setStoredDate(first, "978307260.500000000") || !setStoredDate(second, "978307300.000000001"))
+    GTEST_SKIP() << "this file system keeps no user extended attributes";
+  const auto plain = walked(backup, nullptr);
+  auto cache = std::make_shared<QSCreationDateCache>();
+  cache->setRecentChangeMargin(-3600);  // the copies were just made: remember them all the same
+  EXPECT_EQ(walked(backup, cache), plain);  // filling the cache
+  EXPECT_EQ(cache->count(), 3u);
+  EXPECT_EQ(walked(backup, cache), plain);  // answered from it
+
+  // Setting the attribute moves the copy's change time: the new date is read.
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ASSERT_TRUE(setStoredDate(first, "978307999.000000000"));
+  const auto changed = walked(backup, nullptr);
+  ASSERT_NE(changed, plain);
+  EXPECT_EQ(walked(backup, cache), changed);
+}
+
+TEST(QSCreationDateCacheTest, ACacheKeptInItsFileIsReadBackByTheNextRunForTheSameFolderOnly) {
+  skerrow_test::TempDir dir;
+  const std::string backup = dir.mkdir("U");
+  const std::string copy = dir.write("U/a@0.txt", "a");
+  if (!setStoredDate(copy, "978307260.500000000")) GTEST_SKIP() << "this file system keeps no user extended attributes";
+  const std::string file = dir / "creationdates-U.cache";
+  {
+    auto cache = std::make_shared<QSCreationDateCache>(backup, file);
+    cache->setRecentChangeMargin(-3600);
+    walked(backup, cache);
+    cache->keep();
+  }
+  // The next run of the engine knows the copy without reading it.
+  QSCreationDateCache next(backup, file);
+  ASSERT_EQ(next.count(), 1u);
+  platform::FileAttributes examined;
+  ASSERT_TRUE(platform::FileManager::attributesAtPath(copy, &examined));
+  ASSERT_TRUE(next.fill(&examined));
+  EXPECT_EQ(examined.creationTime, (platform::FileTime{978307260, 500000000}));
+
+  // Another folder now at the same path: the kept file says nothing of it.
+  std::filesystem::rename(backup, dir / "old");
+  std::filesystem::create_directory(backup);
+  EXPECT_EQ(QSCreationDateCache(backup, file).count(), 0u);
+}
+
+TEST(QSCreationDateCacheTest, ADamagedOrForeignKeptFileIsIgnored) {
+  skerrow_test::TempDir dir;
+  const std::string backup = dir.mkdir("U");
+  const std::string copy = dir.write("U/a@0.txt", "a");
+  const std::string file = dir / "creationdates-U.cache";
+  {
+    auto cache = std::make_shared<QSCreationDateCache>(backup, file);
+    cache->setRecentChangeMargin(-3600);
+    walked(backup, cache);
+    cache->keep();
+  }
+  ASSERT_EQ(QSCreationDateCache(backup, file).count(), 1u);
+  std::string bytes = dir.read("creationdates-U.cache");
+  ASSERT_GT(bytes.size(), 60u);
+  for (size_t at : {size_t(0), size_t(50), bytes.size() - 1}) {
+    std::string damaged = bytes;
+    damaged[at] ^= 0x20;
+    dir.write("creationdates-U.cache", damaged);
+    EXPECT_EQ(QSCreationDateCache(backup, file).count(), 0u) << at;
+  }
+  dir.write("creationdates-U.cache", bytes.substr(0, bytes.size() - 9));
+  EXPECT_EQ(QSCreationDateCache(backup, file).count(), 0u);
+  dir.write("creationdates-U.cache", "");
+  EXPECT_EQ(QSCreationDateCache(backup, file).count(), 0u);
+}
+
+TEST(QSCreationDateCacheTest, ACopyChangedJustBeforeAWalkIsNotRememberedSinceItsNextChangeMightKeepItsChangeTime) {
+  QSCreationDateCache cache;
+  cache.beginWalk(platform::FileTime{1000, 0});
+  cache.remember(copyAttributes(1, 999, 5000, true));   // within the second before the walk
+  cache.remember(copyAttributes(2, 1000, 5000, true));  // during it
+  cache.remember(copyAttributes(3, 998, 5000, true));   // long enough before
+  cache.finishWalk(true);
+  EXPECT_EQ(cache.count(), 1u);
+  auto recent = copyAttributes(1, 999, 0, false);
+  EXPECT_FALSE(cache.fill(&recent));
+  auto older = copyAttributes(3, 998, 0, false);
+  EXPECT_TRUE(cache.fill(&older));
+
+  // A real walk of copies made a moment ago remembers none of them.
+  skerrow_test::TempDir dir;
+  const std::string backup = dir.mkdir("U");
+  dir.write("U/a@0.txt", "a");
+  auto walkedCache = std::make_shared<QSCreationDateCache>();
+  walked(backup, walkedCache);
+  EXPECT_EQ(walkedCache->count(), 0u);
+}

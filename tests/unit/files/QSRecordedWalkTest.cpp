@@ -1,0 +1,115 @@
+#include "Engine/files/QSRecordedWalk.h"
+
+#include <gtest/gtest.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "Engine/files/FSDestinationTraversal.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/WalkLog.h"
+
+using skerrow_test::WalkLog;
+
+namespace {
+
+// A backup folder with nested folders, copies in several versions, names
+// that differ only in case, a link, a file that is not a stored copy and an
+// empty folder.
+std::string makeBackupFolder(const skerrow_test::TempDir& dir) {
+  const std::string backup = dir.mkdir("U");
+  dir.write("U/Report@0.txt", "a");
+  dir.write("U/report@1.txt", "ab");
+  dir.write("U/plain.txt", "not a copy");
+  dir.write("U/Documents/a@0.txt", "a");
+  dir.write("U/Documents/Deep/er/b@4", "bbbb");
+  dir.write("U/Documents/Deep/er/b@5", "bbbbb");
+  dir.mkdir("U/Empty");
+  dir.write("U/Pictures/x@0.jpg", "x");
+  ::setxattr((backup + "/Pictures/x@0.jpg").c_str(), "user.com.qsc.creation-date", "978307260.500000000", 19, 0);
+  EXPECT_EQ(::symlink("target", (backup + "/Documents/l@0").c_str()), 0);
+  return backup;
+}
+
+std::vector<std::string> walked(const std::string& path, std::vector<std::string> declined = {}) {
+  WalkLog log;
+  log.declined = std::move(declined);
+  FSDestinationTraversal(nullptr).recurseAtDestinationPath_withVisitor(path, log);
+  return log.calls;
+}
+
+std::vector<std::string> played(const QSRecordedWalk& recording, std::vector<std::string> declined = {},
+                                const std::atomic<bool>* stop = nullptr) {
+  WalkLog log;
+  log.declined = std::move(declined);
+  recording.playTo(log, stop);
+  return log.calls;
+}
+
+}  // namespace
+
+TEST(QSRecordedWalkTest, APlayedRecordingMakesTheSameCallsAsTheWalkItRecorded) {
+  skerrow_test::TempDir dir;
+  const std::string backup = makeBackupFolder(dir);
+  QSRecordedWalk recording;
+  FSDestinationTraversal(nullptr).recurseAtDestinationPath_withVisitor(backup, recording);
+  ASSERT_TRUE(recording.isComplete());
+  const auto expected = walked(backup);
+  ASSERT_GT(expected.size(), 20u);
+  EXPECT_EQ(played(recording), expected);
+  // It can be played again, with the same result.
+  EXPECT_EQ(played(recording), expected);
+}
+
+TEST(QSRecordedWalkTest, AFolderTheReceiverDeclinesIsSkippedButFinishedAsTheWalkDoes) {
+  skerrow_test::TempDir dir;
+  const std::string backup = makeBackupFolder(dir);
+  QSRecordedWalk recording;
+  FSDestinationTraversal(nullptr).recurseAtDestinationPath_withVisitor(backup, recording);
+  const std::vector<std::string> declined{backup + "/Documents/Deep"};
+  const auto expected = walked(backup, declined);
+  EXPECT_EQ(played(recording, declined), expected);
+  const auto top = played(recording, {backup});
+  EXPECT_EQ(top, walked(backup, {backup}));
+  EXPECT_EQ(top.size(), 4u);  // begin, start, finish, end
+}
+
+TEST(QSRecordedWalkTest, AWalkOfATrailingSlashPathAndOfASingleFilePlayBackTheSame) {
+  skerrow_test::TempDir dir;
+  const std::string backup = makeBackupFolder(dir);
+  for (const std::string& path : {backup + "/", backup + "/Report@0.txt", backup + "/missing"}) {
+    QSRecordedWalk recording;
+    FSDestinationTraversal(nullptr).recurseAtDestinationPath_withVisitor(path, recording);
+    ASSERT_TRUE(recording.isComplete()) << path;
+    EXPECT_EQ(played(recording), walked(path)) << path;
+  }
+}
+
+TEST(QSRecordedWalkTest, AStopEndsThePlayAtOnceWithTheEndOfTheTraversal) {
+  skerrow_test::TempDir dir;
+  const std::string backup = makeBackupFolder(dir);
+  QSRecordedWalk recording;
+  FSDestinationTraversal(nullptr).recurseAtDestinationPath_withVisitor(backup, recording);
+  std::atomic<bool> stop{true};
+  EXPECT_EQ(played(recording, {}, &stop), (std::vector<std::string>{"begin " + backup, "end " + backup}));
+}
+
+TEST(QSRecordedWalkTest, AnUnfinishedOrMisshapenRecordingIsNotPlayed) {
+  QSRecordedWalk unfinished;
+  unfinished.startTraversalOfPath("/b");
+  platform::FileAttributes folder;
+  folder.type = platform::FileAttributes::Type::Directory;
+  EXPECT_TRUE(unfinished.startVisitAtPath_attributes("/b", folder));
+  EXPECT_FALSE(unfinished.isComplete());
+  EXPECT_TRUE(played(unfinished).empty());
+
+  QSRecordedWalk stray;  // an item that is not below the open folder
+  stray.startTraversalOfPath("/b");
+  stray.startVisitAtPath_attributes("/b", folder);
+  EXPECT_FALSE(stray.startVisitAtPath_attributes("/elsewhere/x", folder));
+  stray.finishVisitAtPath_attributes("/b", folder);
+  stray.finishTraversalOfPath("/b");
+  EXPECT_FALSE(stray.isComplete());
+  EXPECT_TRUE(played(stray).empty());
+}
