@@ -47,6 +47,8 @@ struct FileAttributes {
   uint32_t creatorCode = 0;     // HFS codes: always 0 on Linux
   uint32_t typeCode = 0;
 
+  bool operator==(const FileAttributes&) const = default;
+
   bool isDirectory() const { return type == Type::Directory; }
   bool isRegularFile() const { return type == Type::Regular; }
   bool isSymbolicLink() const { return type == Type::SymbolicLink; }

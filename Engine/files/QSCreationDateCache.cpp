@@ -130,6 +130,9 @@ bool QSCreationDateCache::fill(platform::FileAttributes* a) const {
 void QSCreationDateCache::beginWalk(platform::FileTime now) {
   std::lock_guard<std::mutex> lock(lock_);
   rememberBefore_ = now.seconds - margin_;
+  seen_.assign(known_.size(), false);
+  fresh_.clear();
+  walkDevice_ = 0;
 }
 
 void QSCreationDateCache::setRecentChangeMargin(int64_t seconds) {
@@ -145,22 +148,50 @@ void QSCreationDateCache::remember(const platform::FileAttributes& a) {
   std::lock_guard<std::mutex> lock(lock_);
   if (a.changeTime.seconds >= rememberBefore_) return;
   // A walk that crosses onto another device (a disk mounted inside the
-  // backup folder) is not remembered at all: one device per cache.
-  if (found_.empty()) foundDevice_ = a.device;
-  if (a.device != foundDevice_) return;
-  found_.push_back(entry);
+  // backup folder) remembers only the first device's copies.
+  if (walkDevice_ == 0) walkDevice_ = a.device;
+  if (a.device != walkDevice_) return;
+  // A copy known as it is is only marked seen: the walk's findings are the
+  // known entries it saw and the few it found new, not a second full list.
+  if (a.device == device_) {
+    if (seen_.size() != known_.size()) seen_.assign(known_.size(), false);
+    const auto it = std::lower_bound(known_.begin(), known_.end(), a.inode,
+                                     [](const Entry& e, uint64_t inode) { return e.inode < inode; });
+    if (it != known_.end() && it->inode == a.inode && it->changeSeconds == entry.changeSeconds &&
+        it->changeNanoseconds == entry.changeNanoseconds && it->creationSeconds == entry.creationSeconds &&
+        it->creation == entry.creation) {
+      seen_[static_cast<size_t>(it - known_.begin())] = true;
+      return;
+    }
+  }
+  fresh_.push_back(entry);
 }
 
 void QSCreationDateCache::finishWalk(bool completed) {
   std::lock_guard<std::mutex> lock(lock_);
   if (completed) {
-    std::sort(found_.begin(), found_.end(), [](const Entry& x, const Entry& y) { return x.inode < y.inode; });
-    known_.swap(found_);
-    device_ = foundDevice_;
+    const auto byInode = [](const Entry& x, const Entry& y) { return x.inode < y.inode; };
+    size_t kept = 0;
+    if (walkDevice_ == device_ && seen_.size() == known_.size()) {
+      for (size_t i = 0; i < known_.size(); ++i)
+        if (seen_[i]) known_[kept++] = known_[i];
+    }
+    known_.resize(kept);
+    std::sort(fresh_.begin(), fresh_.end(), byInode);
+    known_.insert(known_.end(), fresh_.begin(), fresh_.end());
+    std::inplace_merge(known_.begin(), known_.begin() + static_cast<std::ptrdiff_t>(kept), known_.end(), byInode);
+    // A copy with several names (hard links) is remembered once.
+    known_.erase(std::unique(known_.begin(), known_.end(),
+                             [](const Entry& x, const Entry& y) { return x.inode == y.inode; }),
+                 known_.end());
+    if (walkDevice_ != 0) device_ = walkDevice_;
     renewed_ = true;
   }
-  found_.clear();
-  found_.shrink_to_fit();
+  seen_.clear();
+  seen_.shrink_to_fit();
+  fresh_.clear();
+  fresh_.shrink_to_fit();
+  walkDevice_ = 0;
 }
 
 size_t QSCreationDateCache::count() const {

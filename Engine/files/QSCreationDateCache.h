@@ -58,8 +58,9 @@ class QSCreationDateCache {
   bool fill(platform::FileAttributes* attributes) const;
   // Remembers the creation date of a copy examined with its stored date.
   void remember(const platform::FileAttributes& attributes);
-  // Ends a walk: with `completed`, the copies it remembered become the
-  // cache; otherwise they are dropped.
+  // Ends a walk: with `completed`, the copies it remembered (seen as known,
+  // or new) become the cache and the others are forgotten; otherwise the
+  // walk's findings are dropped.
   void finishWalk(bool completed);
 
   // Copies known from the last completed walk.
@@ -89,8 +90,11 @@ class QSCreationDateCache {
   bool renewed_ = false;
   uint64_t device_ = 0;
   std::vector<Entry> known_;  // sorted by inode
-  std::vector<Entry> found_;  // during a walk, in walk order
-  uint64_t foundDevice_ = 0;
+  // During a walk: which known copies it saw as they are, the copies it
+  // found new or changed, and the device of its copies.
+  std::vector<bool> seen_;
+  std::vector<Entry> fresh_;
+  uint64_t walkDevice_ = 0;
   int64_t margin_ = 1;
   int64_t rememberBefore_ = INT64_MAX;  // seconds: copies changed from then on are not remembered
 };

@@ -23,6 +23,8 @@ void QSRecordedWalk::finishTraversalOfPath(const std::string& path) {
   finished_ = true;
   open_.clear();
   open_.shrink_to_fit();
+  openAttributes_.clear();
+  openAttributes_.shrink_to_fit();
 }
 
 bool QSRecordedWalk::nameBelowOpenFolder(const std::string& path, std::string* name) const {
@@ -54,6 +56,7 @@ bool QSRecordedWalk::startVisitAtPath_attributes(const std::string& path, const 
     return false;
   }
   add(Kind::StartItem, name, static_cast<uint32_t>(attributes_.size()), 0);
+  openAttributes_.push_back(static_cast<uint32_t>(attributes_.size()));
   attributes_.push_back(attributes);
   open_.push_back(path);
   return true;
@@ -65,8 +68,22 @@ void QSRecordedWalk::finishVisitAtPath_attributes(const std::string& path, const
     return;
   }
   open_.pop_back();
+  const uint32_t started = openAttributes_.back();
+  openAttributes_.pop_back();
+  // A walk finishes an item with the attributes it started it with: they are kept once.
+  if (attributes_[started] == attributes) {
+    add(Kind::FinishItem, std::string(), started, 0);
+    return;
+  }
   add(Kind::FinishItem, std::string(), static_cast<uint32_t>(attributes_.size()), 0);
   attributes_.push_back(attributes);
+}
+
+void QSRecordedWalk::reserveForCopies(size_t copies) {
+  // A group of copies is two calls; most files have one or two copies.
+  steps_.reserve(copies * 2 + 1024);
+  versions_.reserve(copies + 1024);
+  names_.reserve(copies * 12 + 4096);
 }
 
 void QSRecordedWalk::startVisitOfGroup_atPath(const QSFSVersionArray& versions, const std::string& path) {

@@ -41,6 +41,8 @@ class QSRecordedWalk : public FSVisitor {
   const std::string& topPath() const { return top_; }
   // The calls recorded.
   size_t callCount() const { return steps_.size(); }
+  // Makes room for a walk of about `copies` stored copies (a hint).
+  void reserveForCopies(size_t copies);
 
   // Makes the recorded calls on `visitor`.  When `stop` is set (tested
   // before each call) the play ends at once with finishTraversalOfPath;
@@ -67,7 +69,8 @@ class QSRecordedWalk : public FSVisitor {
   std::string names_;
   std::vector<platform::FileAttributes> attributes_;
   QSFSVersionArray versions_;
-  std::vector<std::string> open_;  // paths of the items started and not finished, while recording
+  std::vector<std::string> open_;    // paths of the items started and not finished, while recording
+  std::vector<uint32_t> openAttributes_;  // their attributes' indexes
   bool started_ = false;
   bool finished_ = false;
   bool unplayable_ = false;

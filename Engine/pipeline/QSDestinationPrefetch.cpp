@@ -44,6 +44,7 @@ std::shared_ptr<QSDestinationPrefetch> QSDestinationPrefetch::runHere(const std:
 void QSDestinationPrefetch::walk(const std::shared_ptr<State>& state) {
   auto recording = std::make_shared<QSRecordedWalk>();
   const auto cache = QSCreationDateCache::forBackupFolder(state->path);
+  recording->reserveForCopies(cache->count());
   FSDestinationTraversal traversal(&state->cancelled);
   traversal.setCreationDateCache(cache);
   traversal.recurseAtDestinationPath_withVisitor(state->path, *recording);

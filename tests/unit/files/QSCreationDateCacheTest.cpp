@@ -195,3 +195,25 @@ TEST(QSCreationDateCacheTest, ACopyChangedJustBeforeAWalkIsNotRememberedSinceIts
   walked(backup, walkedCache);
   EXPECT_EQ(walkedCache->count(), 0u);
 }
+
+TEST(QSCreationDateCacheTest, AChangedCopyIsRememberedAsItIsNowAndACopyWithTwoNamesOnce) {
+  QSCreationDateCache cache;
+  cache.remember(copyAttributes(5, 100, 5000, true));
+  cache.remember(copyAttributes(9, 100, 5000, true));
+  cache.finishWalk(true);
+  cache.beginWalk(platform::FileTime{1000000, 0});
+  cache.remember(copyAttributes(5, 200, 7000, true));  // its attribute was set again
+  cache.remember(copyAttributes(9, 100, 5000, true));  // as known
+  cache.remember(copyAttributes(9, 100, 5000, true));  // a second name of it
+  cache.remember(copyAttributes(2, 100, 3000, false));
+  cache.finishWalk(true);
+  EXPECT_EQ(cache.count(), 3u);
+  auto changed = copyAttributes(5, 200, 0, false);
+  ASSERT_TRUE(cache.fill(&changed));
+  EXPECT_EQ(changed.creationTime.seconds, 7000);
+  auto old = copyAttributes(5, 100, 0, false);
+  EXPECT_FALSE(cache.fill(&old));
+  auto second = copyAttributes(9, 100, 0, false);
+  ASSERT_TRUE(cache.fill(&second));
+  EXPECT_EQ(second.creationTime.seconds, 5000);
+}
