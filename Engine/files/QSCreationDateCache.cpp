@@ -11,8 +11,10 @@
 
 namespace {
 
-std::mutex registryLock;
-std::string storeFolder;  // under registryLock
+// Never destroyed: a walk ahead of time may still be running on its own
+// thread while the process exits.
+std::mutex& registryLock = *new std::mutex;
+std::string& storeFolder = *new std::string;  // under registryLock
 
 constexpr char kMagic[16] = "skerrow-cdc-v1\n";
 constexpr size_t kHeaderSize = 16 + 8 + 8 + 8 + 8;  // magic, folder inode, birth seconds, nanoseconds, count
@@ -39,7 +41,7 @@ T get(const std::string& in, size_t at) {
 }  // namespace
 
 std::shared_ptr<QSCreationDateCache> QSCreationDateCache::forBackupFolder(const std::string& path) {
-  static std::map<std::string, std::shared_ptr<QSCreationDateCache>> registry;
+  static auto& registry = *new std::map<std::string, std::shared_ptr<QSCreationDateCache>>;
   std::lock_guard<std::mutex> lock(registryLock);
   auto& cache = registry[path];
   if (!cache) {
@@ -111,7 +113,7 @@ void QSCreationDateCache::keep() {
     platform::Log::format("Unable to keep the creation-date cache %s", file_.c_str());
 }
 
-bool QSCreationDateCache::fill(platform::FileAttributes* a) const {
+bool QSCreationDateCache::fill(platform::FileAttributes* a) {
   if (a->changeTime == platform::FileTime{}) return false;  // a file system that gives no change time
   std::lock_guard<std::mutex> lock(lock_);
   if (known_.empty() || a->device != device_) return false;
@@ -124,6 +126,10 @@ bool QSCreationDateCache::fill(platform::FileAttributes* a) const {
     a->creationSource = platform::FileAttributes::CreationSource::StoredAttribute;
   }
   // Without a stored date the copy's own birth time, already read, stands.
+  // The walk saw the copy as it is known: it stays known.
+  if (walkDevice_ == 0) walkDevice_ = a->device;
+  if (seen_.size() != known_.size()) seen_.assign(known_.size(), false);
+  seen_[static_cast<size_t>(it - known_.begin())] = true;
   return true;
 }
 
@@ -151,19 +157,6 @@ void QSCreationDateCache::remember(const platform::FileAttributes& a) {
   // backup folder) remembers only the first device's copies.
   if (walkDevice_ == 0) walkDevice_ = a.device;
   if (a.device != walkDevice_) return;
-  // A copy known as it is is only marked seen: the walk's findings are the
-  // known entries it saw and the few it found new, not a second full list.
-  if (a.device == device_) {
-    if (seen_.size() != known_.size()) seen_.assign(known_.size(), false);
-    const auto it = std::lower_bound(known_.begin(), known_.end(), a.inode,
-                                     [](const Entry& e, uint64_t inode) { return e.inode < inode; });
-    if (it != known_.end() && it->inode == a.inode && it->changeSeconds == entry.changeSeconds &&
-        it->changeNanoseconds == entry.changeNanoseconds && it->creationSeconds == entry.creationSeconds &&
-        it->creation == entry.creation) {
-      seen_[static_cast<size_t>(it - known_.begin())] = true;
-      return;
-    }
-  }
   fresh_.push_back(entry);
 }
 
@@ -171,12 +164,15 @@ void QSCreationDateCache::finishWalk(bool completed) {
   std::lock_guard<std::mutex> lock(lock_);
   if (completed) {
     const auto byInode = [](const Entry& x, const Entry& y) { return x.inode < y.inode; };
+    const size_t before = known_.size();
     size_t kept = 0;
     if (walkDevice_ == device_ && seen_.size() == known_.size()) {
       for (size_t i = 0; i < known_.size(); ++i)
         if (seen_[i]) known_[kept++] = known_[i];
     }
     known_.resize(kept);
+    // Only a walk that found a copy new, changed or gone has anything to keep.
+    if (kept != before || !fresh_.empty()) renewed_ = true;
     std::sort(fresh_.begin(), fresh_.end(), byInode);
     known_.insert(known_.end(), fresh_.begin(), fresh_.end());
     std::inplace_merge(known_.begin(), known_.begin() + static_cast<std::ptrdiff_t>(kept), known_.end(), byInode);
@@ -185,7 +181,6 @@ void QSCreationDateCache::finishWalk(bool completed) {
                              [](const Entry& x, const Entry& y) { return x.inode == y.inode; }),
                  known_.end());
     if (walkDevice_ != 0) device_ = walkDevice_;
-    renewed_ = true;
   }
   seen_.clear();
   seen_.shrink_to_fit();
