@@ -1,8 +1,6 @@
 // The process's heap as the operating system sees it.
 #pragma once
 
-#include <cstdint>
-
 namespace platform {
 
 class Memory {
@@ -12,9 +10,6 @@ class Memory {
   // the process would otherwise stay as large as at its peak).  Costs a
   // walk of the heap's free lists: call it after large work, not often.
   static void releaseFreedMemory();
-  // The process's resident set now and at its peak, in KiB (0 when unknown).
-  static uint64_t residentKiB();
-  static uint64_t peakResidentKiB();
 };
 
 }  // namespace platform

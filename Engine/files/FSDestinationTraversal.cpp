@@ -19,7 +19,8 @@ bool FSDestinationTraversal::copyAttributes(platform::Directory& folder, const s
   if (!cache_) return folder.attributesOf(entry, a, true);
   if (!folder.attributesOf(entry, a, false)) return false;
   if (!a->isRegularFile() && !a->isSymbolicLink()) return true;
-  if (!cache_->fill(a)) folder.readStoredCreationDateOf(entry, a);
+  if (cache_->fill(a)) return true;
+  folder.readStoredCreationDateOf(entry, a);
   cache_->remember(*a);
   return true;
 }

@@ -6,8 +6,8 @@
 // change time back), so a copy found again with the same inode and change
 // time still carries the date remembered for it.
 //
-// A walk asks `fill` for each copy it examines without its stored date and
-// tells `remember` the attributes it ends up with; when the walk ends,
+// A walk asks `fill` for each copy it examines without its stored date and,
+// when the cache does not know it, reads the date and tells `remember`; when the walk ends,
 // `finishWalk` makes what it remembered the cache (copies that went away are
 // forgotten).  An interrupted walk's findings are dropped and the previous
 // ones kept.  A file system's clock may be coarse (a few milliseconds): a
@@ -54,9 +54,11 @@ class QSCreationDateCache {
 
   // When the copy described by `attributes` (examined without its stored
   // date) is known with the same device, inode and change time, sets its
-  // creation date and source as remembered and answers true.
-  bool fill(platform::FileAttributes* attributes) const;
-  // Remembers the creation date of a copy examined with its stored date.
+  // creation date and source as remembered, keeps the copy for the walk
+  // under way, and answers true.
+  bool fill(platform::FileAttributes* attributes);
+  // Remembers the creation date of a copy examined with its stored date
+  // (one `fill` did not know).
   void remember(const platform::FileAttributes& attributes);
   // Ends a walk: with `completed`, the copies it remembered (seen as known,
   // or new) become the cache and the others are forgotten; otherwise the

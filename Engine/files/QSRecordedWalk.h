@@ -37,10 +37,6 @@ class QSRecordedWalk : public FSVisitor {
   // The attributes the walk reported first for its top item (a complete
   // recording of an existing folder has them); nullptr otherwise.
   const platform::FileAttributes* topAttributes() const;
-  // The walk's top path.
-  const std::string& topPath() const { return top_; }
-  // The calls recorded.
-  size_t callCount() const { return steps_.size(); }
   // Makes room for a walk of about `copies` stored copies (a hint).
   void reserveForCopies(size_t copies);
 

@@ -23,22 +23,25 @@ QSDestinationPrefetch::~QSDestinationPrefetch() { cancel(); }
 
 void QSDestinationPrefetch::cancel() { state_->cancelled.store(true); }
 
-std::shared_ptr<QSDestinationPrefetch> QSDestinationPrefetch::start(const std::string& path) {
+std::shared_ptr<QSDestinationPrefetch::State> QSDestinationPrefetch::stateFor(const std::string& path) {
   auto state = std::make_shared<State>();
   state->path = path;
   // Taken before the walk reads anything: a write that ends after this
   // moves the count, and the recording is then not used.
   state->epoch = QSBackupFolderWrites::epoch();
+  return state;
+}
+
+std::shared_ptr<QSDestinationPrefetch> QSDestinationPrefetch::start(const std::string& path) {
+  auto state = stateFor(path);
   platform::OVThread::detachNewThread([state] { walk(state); }, "backup folder prefetch");
-  return std::shared_ptr<QSDestinationPrefetch>(new QSDestinationPrefetch(state));
+  return std::shared_ptr<QSDestinationPrefetch>(new QSDestinationPrefetch(std::move(state)));
 }
 
 std::shared_ptr<QSDestinationPrefetch> QSDestinationPrefetch::runHere(const std::string& path) {
-  auto state = std::make_shared<State>();
-  state->path = path;
-  state->epoch = QSBackupFolderWrites::epoch();
+  auto state = stateFor(path);
   walk(state);
-  return std::shared_ptr<QSDestinationPrefetch>(new QSDestinationPrefetch(state));
+  return std::shared_ptr<QSDestinationPrefetch>(new QSDestinationPrefetch(std::move(state)));
 }
 
 void QSDestinationPrefetch::walk(const std::shared_ptr<State>& state) {

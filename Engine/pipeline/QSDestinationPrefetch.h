@@ -43,6 +43,7 @@ class QSDestinationPrefetch {
  private:
   struct State;
   explicit QSDestinationPrefetch(std::shared_ptr<State> state);
+  static std::shared_ptr<State> stateFor(const std::string& path);
   static void walk(const std::shared_ptr<State>& state);
 
   std::shared_ptr<State> state_;

@@ -3,11 +3,16 @@
 // two walks can be compared call for call.
 #pragma once
 
+#include <algorithm>
+#include <atomic>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "Engine/files/FSDestinationTraversal.h"
 #include "Engine/files/FSVisitor.h"
-#include "tests/support/FSTraversalTestSupport.h"
+#include "Engine/files/QSCreationDateCache.h"
+#include "Engine/files/QSRecordedWalk.h"
 
 namespace skerrow_test {
 
@@ -52,5 +57,27 @@ class WalkLog : public FSVisitor {
     calls.push_back("end group " + p + describe(versions));
   }
 };
+
+// The calls of a walk of the backup folder `path` (through `cache` when
+// given), with the folders `declined` not entered.
+inline std::vector<std::string> destinationWalkCalls(const std::string& path,
+                                                     std::shared_ptr<QSCreationDateCache> cache = nullptr,
+                                                     std::vector<std::string> declined = {}) {
+  WalkLog log;
+  log.declined = std::move(declined);
+  FSDestinationTraversal traversal(nullptr);
+  traversal.setCreationDateCache(std::move(cache));
+  traversal.recurseAtDestinationPath_withVisitor(path, log);
+  return log.calls;
+}
+
+// The calls `recording` plays, with the folders `declined` not entered.
+inline std::vector<std::string> playedCalls(const QSRecordedWalk& recording, std::vector<std::string> declined = {},
+                                            const std::atomic<bool>* stop = nullptr) {
+  WalkLog log;
+  log.declined = std::move(declined);
+  recording.playTo(log, stop);
+  return log.calls;
+}
 
 }  // namespace skerrow_test

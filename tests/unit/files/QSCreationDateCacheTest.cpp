@@ -7,12 +7,10 @@
 #include <filesystem>
 #include <thread>
 
-#include "Engine/files/FSDestinationTraversal.h"
 #include "platform/FileManager.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/WalkLog.h"
 
-using skerrow_test::WalkLog;
 
 namespace {
 
@@ -32,13 +30,6 @@ bool setStoredDate(const std::string& path, const std::string& value) {
   return ::setxattr(path.c_str(), "user.com.qsc.creation-date", value.data(), value.size(), 0) == 0;
 }
 
-std::vector<std::string> walked(const std::string& path, std::shared_ptr<QSCreationDateCache> cache) {
-  WalkLog log;
-  FSDestinationTraversal traversal(nullptr);
-  traversal.setCreationDateCache(std::move(cache));
-  traversal.recurseAtDestinationPath_withVisitor(path, log);
-  return log.calls;
-}
 
 }  // namespace
 
@@ -107,19 +98,20 @@ TEST(QSCreationDateCacheTest, AWalkWithTheCacheReportsWhatAWalkWithoutItDoesAndS
   dir.write("U/Documents/c@0.txt", "c");
   if (!setStoredDate(first, "978307260.500000000") || !setStoredDate(second, "978307300.000000001"))
     GTEST_SKIP() << "this file system keeps no user extended attributes";
-  const auto plain = walked(backup, nullptr);
+  const auto plain = skerrow_test::destinationWalkCalls(backup, nullptr);
   auto cache = std::make_shared<QSCreationDateCache>();
   cache->setRecentChangeMargin(-3600);  // the copies were just made: remember them all the same
-  EXPECT_EQ(walked(backup, cache), plain);  // filling the cache
+  EXPECT_EQ(skerrow_test::destinationWalkCalls(backup, cache), plain);  // filling the cache
   EXPECT_EQ(cache->count(), 3u);
-  EXPECT_EQ(walked(backup, cache), plain);  // answered from it
+  EXPECT_EQ(skerrow_test::destinationWalkCalls(backup, cache), plain);  // answered from it
+  EXPECT_EQ(cache->count(), 3u);  // and still knowing them all
 
   // Setting the attribute moves the copy's change time: the new date is read.
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   ASSERT_TRUE(setStoredDate(first, "978307999.000000000"));
-  const auto changed = walked(backup, nullptr);
+  const auto changed = skerrow_test::destinationWalkCalls(backup, nullptr);
   ASSERT_NE(changed, plain);
-  EXPECT_EQ(walked(backup, cache), changed);
+  EXPECT_EQ(skerrow_test::destinationWalkCalls(backup, cache), changed);
 }
 
 TEST(QSCreationDateCacheTest, ACacheKeptInItsFileIsReadBackByTheNextRunForTheSameFolderOnly) {
@@ -131,7 +123,7 @@ TEST(QSCreationDateCacheTest, ACacheKeptInItsFileIsReadBackByTheNextRunForTheSam
   {
     auto cache = std::make_shared<QSCreationDateCache>(backup, file);
     cache->setRecentChangeMargin(-3600);
-    walked(backup, cache);
+    skerrow_test::destinationWalkCalls(backup, cache);
     cache->keep();
   }
   // The next run of the engine knows the copy without reading it.
@@ -141,6 +133,22 @@ TEST(QSCreationDateCacheTest, ACacheKeptInItsFileIsReadBackByTheNextRunForTheSam
   ASSERT_TRUE(platform::FileManager::attributesAtPath(copy, &examined));
   ASSERT_TRUE(next.fill(&examined));
   EXPECT_EQ(examined.creationTime, (platform::FileTime{978307260, 500000000}));
+
+  // A walk that finds nothing new leaves the kept file alone.
+  const std::string kept = dir.read("creationdates-U.cache");
+  {
+    auto unchanged = std::make_shared<QSCreationDateCache>(backup, file);
+    ASSERT_EQ(unchanged->count(), 1u);
+    std::filesystem::remove(file);
+    skerrow_test::destinationWalkCalls(backup, unchanged);
+    unchanged->keep();
+    EXPECT_EQ(unchanged->count(), 1u);
+  }
+  EXPECT_FALSE(std::filesystem::exists(file));
+  next.keep();  // read from the file, renewed by no walk: nothing to write either
+  EXPECT_FALSE(std::filesystem::exists(file));
+  dir.write("creationdates-U.cache", kept);
+  ASSERT_EQ(QSCreationDateCache(backup, file).count(), 1u);
 
   // Another folder now at the same path: the kept file says nothing of it.
   std::filesystem::rename(backup, dir / "old");
@@ -156,7 +164,7 @@ TEST(QSCreationDateCacheTest, ADamagedOrForeignKeptFileIsIgnored) {
   {
     auto cache = std::make_shared<QSCreationDateCache>(backup, file);
     cache->setRecentChangeMargin(-3600);
-    walked(backup, cache);
+    skerrow_test::destinationWalkCalls(backup, cache);
     cache->keep();
   }
   ASSERT_EQ(QSCreationDateCache(backup, file).count(), 1u);
@@ -192,7 +200,7 @@ TEST(QSCreationDateCacheTest, ACopyChangedJustBeforeAWalkIsNotRememberedSinceIts
   const std::string backup = dir.mkdir("U");
   dir.write("U/a@0.txt", "a");
   auto walkedCache = std::make_shared<QSCreationDateCache>();
-  walked(backup, walkedCache);
+  skerrow_test::destinationWalkCalls(backup, walkedCache);
   EXPECT_EQ(walkedCache->count(), 0u);
 }
 

@@ -6,11 +6,9 @@
 
 #include <atomic>
 
-#include "Engine/files/FSDestinationTraversal.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/WalkLog.h"
 
-using skerrow_test::WalkLog;
 
 namespace {
 
@@ -32,20 +30,7 @@ std::string makeBackupFolder(const skerrow_test::TempDir& dir) {
   return backup;
 }
 
-std::vector<std::string> walked(const std::string& path, std::vector<std::string> declined = {}) {
-  WalkLog log;
-  log.declined = std::move(declined);
-  FSDestinationTraversal(nullptr).recurseAtDestinationPath_withVisitor(path, log);
-  return log.calls;
-}
 
-std::vector<std::string> played(const QSRecordedWalk& recording, std::vector<std::string> declined = {},
-                                const std::atomic<bool>* stop = nullptr) {
-  WalkLog log;
-  log.declined = std::move(declined);
-  recording.playTo(log, stop);
-  return log.calls;
-}
 
 }  // namespace
 
@@ -55,11 +40,11 @@ TEST(QSRecordedWalkTest, APlayedRecordingMakesTheSameCallsAsTheWalkItRecorded) {
   QSRecordedWalk recording;
   FSDestinationTraversal(nullptr).recurseAtDestinationPath_withVisitor(backup, recording);
   ASSERT_TRUE(recording.isComplete());
-  const auto expected = walked(backup);
+  const auto expected = skerrow_test::destinationWalkCalls(backup);
   ASSERT_GT(expected.size(), 20u);
-  EXPECT_EQ(played(recording), expected);
+  EXPECT_EQ(skerrow_test::playedCalls(recording), expected);
   // It can be played again, with the same result.
-  EXPECT_EQ(played(recording), expected);
+  EXPECT_EQ(skerrow_test::playedCalls(recording), expected);
 }
 
 TEST(QSRecordedWalkTest, AFolderTheReceiverDeclinesIsSkippedButFinishedAsTheWalkDoes) {
@@ -68,10 +53,10 @@ TEST(QSRecordedWalkTest, AFolderTheReceiverDeclinesIsSkippedButFinishedAsTheWalk
   QSRecordedWalk recording;
   FSDestinationTraversal(nullptr).recurseAtDestinationPath_withVisitor(backup, recording);
   const std::vector<std::string> declined{backup + "/Documents/Deep"};
-  const auto expected = walked(backup, declined);
-  EXPECT_EQ(played(recording, declined), expected);
-  const auto top = played(recording, {backup});
-  EXPECT_EQ(top, walked(backup, {backup}));
+  const auto expected = skerrow_test::destinationWalkCalls(backup, nullptr, declined);
+  EXPECT_EQ(skerrow_test::playedCalls(recording, declined), expected);
+  const auto top = skerrow_test::playedCalls(recording, {backup});
+  EXPECT_EQ(top, skerrow_test::destinationWalkCalls(backup, nullptr, {backup}));
   EXPECT_EQ(top.size(), 4u);  // begin, start, finish, end
 }
 
@@ -82,7 +67,7 @@ TEST(QSRecordedWalkTest, AWalkOfATrailingSlashPathAndOfASingleFilePlayBackTheSam
     QSRecordedWalk recording;
     FSDestinationTraversal(nullptr).recurseAtDestinationPath_withVisitor(path, recording);
     ASSERT_TRUE(recording.isComplete()) << path;
-    EXPECT_EQ(played(recording), walked(path)) << path;
+    EXPECT_EQ(skerrow_test::playedCalls(recording), skerrow_test::destinationWalkCalls(path)) << path;
   }
 }
 
@@ -92,7 +77,7 @@ TEST(QSRecordedWalkTest, AStopEndsThePlayAtOnceWithTheEndOfTheTraversal) {
   QSRecordedWalk recording;
   FSDestinationTraversal(nullptr).recurseAtDestinationPath_withVisitor(backup, recording);
   std::atomic<bool> stop{true};
-  EXPECT_EQ(played(recording, {}, &stop), (std::vector<std::string>{"begin " + backup, "end " + backup}));
+  EXPECT_EQ(skerrow_test::playedCalls(recording, {}, &stop), (std::vector<std::string>{"begin " + backup, "end " + backup}));
 }
 
 TEST(QSRecordedWalkTest, AnUnfinishedOrMisshapenRecordingIsNotPlayed) {
@@ -102,7 +87,7 @@ TEST(QSRecordedWalkTest, AnUnfinishedOrMisshapenRecordingIsNotPlayed) {
   folder.type = platform::FileAttributes::Type::Directory;
   EXPECT_TRUE(unfinished.startVisitAtPath_attributes("/b", folder));
   EXPECT_FALSE(unfinished.isComplete());
-  EXPECT_TRUE(played(unfinished).empty());
+  EXPECT_TRUE(skerrow_test::playedCalls(unfinished).empty());
 
   QSRecordedWalk stray;  // an item that is not below the open folder
   stray.startTraversalOfPath("/b");
@@ -111,5 +96,5 @@ TEST(QSRecordedWalkTest, AnUnfinishedOrMisshapenRecordingIsNotPlayed) {
   stray.finishVisitAtPath_attributes("/b", folder);
   stray.finishTraversalOfPath("/b");
   EXPECT_FALSE(stray.isComplete());
-  EXPECT_TRUE(played(stray).empty());
+  EXPECT_TRUE(skerrow_test::playedCalls(stray).empty());
 }

@@ -4,12 +4,10 @@
 
 #include <filesystem>
 
-#include "Engine/files/FSDestinationTraversal.h"
 #include "Engine/files/QSBackupFolderWrites.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/WalkLog.h"
 
-using skerrow_test::WalkLog;
 
 namespace {
 
@@ -20,11 +18,6 @@ std::string makeBackupFolder(const skerrow_test::TempDir& dir) {
   return backup;
 }
 
-std::vector<std::string> walked(const std::string& path) {
-  WalkLog log;
-  FSDestinationTraversal(nullptr).recurseAtDestinationPath_withVisitor(path, log);
-  return log.calls;
-}
 
 }  // namespace
 
@@ -35,9 +28,7 @@ TEST(QSDestinationPrefetchTest, AWalkMadeAheadOfTimePlaysBackAsTheWalkMadeNow) {
   std::string why;
   const auto recording = prefetch->take(backup, nullptr, &why);
   ASSERT_TRUE(recording) << why;
-  WalkLog log;
-  recording->playTo(log, nullptr);
-  EXPECT_EQ(log.calls, walked(backup));
+  EXPECT_EQ(skerrow_test::playedCalls(*recording), skerrow_test::destinationWalkCalls(backup));
 }
 
 TEST(QSDestinationPrefetchTest, AWriteOfTheEngineSinceTheWalkBeganMakesItStale) {
