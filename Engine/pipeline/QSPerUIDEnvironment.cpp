@@ -196,6 +196,7 @@ void QSPerUIDEnvironment::waitForWork() {
     realtimePolls_.fetch_add(1);
     if (auto event = fsEventQueue_.dequeue()) {
       processRealtimeEvent(*event);
+      realtimeProcessed_.fetch_add(1);
       idlePolls = 0;
     } else if (++idlePolls > kBusyPolls) {
       sleep_(kPauseMicroseconds);

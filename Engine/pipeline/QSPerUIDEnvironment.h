@@ -137,6 +137,8 @@ class QSPerUIDEnvironment : public platform::Object,
                                                           const platform::FileAttributes* attributes,
                                                           bool onlyDoARenameOnLastVersion);
   size_t pendingFSEventCount() const { return fsEventQueue_.count(); }
+  // Events taken off the queue and dealt with (copied, or dropped for a reason) so far.
+  uint64_t processedFSEventCount() const { return realtimeProcessed_.load(); }
   uint64_t realtimePollCount() const { return realtimePolls_.load(); }
 
   // Judges one failed copy: past the client's limit of failures in a row the
@@ -223,6 +225,7 @@ class QSPerUIDEnvironment : public platform::Object,
 
   std::atomic<bool> cancelRequested_{false};
   std::atomic<uint64_t> realtimePolls_{0};
+  std::atomic<uint64_t> realtimeProcessed_{0};
   QSIdleWait idle_;  // woken when a token or an event is queued, or the thread is cancelled
   std::function<void(uint32_t)> sleep_;
   platform::NotificationCenter* center_ = nullptr;
