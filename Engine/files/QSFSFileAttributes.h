@@ -14,12 +14,14 @@ struct QSFSFileAttributes {
   int64_t size = 0;                    // logical size in bytes
   int32_t type = kQSFSTypeOther;
   bool fileTypeIsARegularFile = false;
-  double creationDate = 0;             // seconds since 2001-01-01 00:00:00 UTC
-  double modificationDate = 0;
   // Whether the creation date is the item's own record of it: false for a
   // stored copy read without the creation-date attribute (one converted from
-  // an older backup), whose birth time says when the copy was made.
+  // an older backup), whose birth time says when the copy was made.  (Kept
+  // beside the other flags: every node and stored copy holds a record, and
+  // this order makes it 32 bytes, not 40.)
   bool creationDateKnown = true;
+  double creationDate = 0;             // seconds since 2001-01-01 00:00:00 UTC
+  double modificationDate = 0;
 
   bool operator==(const QSFSFileAttributes&) const = default;
 
@@ -43,3 +45,4 @@ struct QSFSFileAttributes {
     return r;
   }
 };
+static_assert(sizeof(QSFSFileAttributes) == 32, "every tree node and stored copy holds one: keep it small");

@@ -20,6 +20,8 @@ const QSFSChildMap& emptyChildren() {
 
 }  // namespace
 
+static_assert(sizeof(QSFSMutableNode) == 88, "a node and its shared count fill one 112-byte heap block");
+
 std::shared_ptr<QSFSNode> QSFSNode::init() { return QSFSMutableNode::init(); }
 std::shared_ptr<QSFSNode> QSFSNode::initWithPath(const std::string& path) { return QSFSMutableNode::initWithPath(path); }
 std::shared_ptr<QSFSNode> QSFSNode::initWithFileName_versions(const std::string& fileName,
@@ -31,21 +33,21 @@ std::shared_ptr<QSFSMutableNode> QSFSMutableNode::init() { return std::make_shar
 
 std::shared_ptr<QSFSMutableNode> QSFSMutableNode::initWithPath(const std::string& path) {
   auto node = init();
-  node->path_ = path;
+  node->path_ = QSFSName(path);
   return node;
 }
 
 std::shared_ptr<QSFSMutableNode> QSFSMutableNode::initWithFileName_versions(const std::string& fileName,
                                                                             const QSFSVersionArray* versions) {
   auto node = initWithPath(fileName);
-  if (versions) node->versions_ = QSSortedVersions(*versions);
+  if (versions) node->setVersions(*versions);
   return node;
 }
 
 const QSFSChildMap& QSFSNode::children() const { return children_ ? *children_ : emptyChildren(); }
 
 std::string_view QSFSNode::fileNameView() const {
-  std::string_view p = path_;
+  std::string_view p = path_.view();
   while (p.size() > 1 && p.back() == '/') p.remove_suffix(1);
   const auto slash = p.find_last_of('/');
   if (slash == std::string_view::npos || p.size() == 1) return p;
@@ -58,22 +60,36 @@ std::shared_ptr<QSFSNode> QSFSNode::childWithName(const std::string& name) const
 
 std::vector<std::shared_ptr<QSFSNode>> QSFSNode::childEnumerator() const { return children().objectEnumerator(); }
 
-const std::shared_ptr<QSFSVersion>& QSFSNode::latestVersion() const {
-  static const std::shared_ptr<QSFSVersion> none;
-  if (!versions_ || versions_->empty()) return none;
-  return versions_->front();
+QSFSVersionArray QSFSNode::versions() const {
+  QSFSVersionArray all;
+  all.reserve(versionCount());
+  for (size_t i = 0; i < versionCount(); ++i) all.push_back(versionAt(i));
+  return all;
 }
 
+const std::shared_ptr<QSFSVersion>& QSFSNode::latestVersion() const { return firstVersion_; }
+
 std::shared_ptr<QSFSVersion> QSFSNode::oldestVersion() const {
-  if (!versions_ || versions_->empty()) return nullptr;
-  return versions_->back();
+  const size_t count = versionCount();
+  return count ? versionAt(count - 1) : nullptr;
+}
+
+void QSFSNode::keepVersions(const QSFSVersionArray& sorted) {
+  firstVersion_.reset();
+  moreVersions_.reset();
+  if (sorted.empty()) {
+    moreVersions_ = std::make_unique<QSFSVersionArray>();  // a list, with nothing in it
+    return;
+  }
+  firstVersion_ = sorted.front();
+  if (sorted.size() > 1) moreVersions_ = std::make_unique<QSFSVersionArray>(sorted.begin() + 1, sorted.end());
 }
 
 std::optional<std::string> QSFSNode::fullPathToVersionAtIndex(uint32_t index) const {
-  const size_t count = versions_ ? versions_->size() : 0;
+  const size_t count = versionCount();
   if (index >= count)
     platform::Exception::raise("NSRangeException", "index %u beyond bounds [0 .. %zu]", index, count ? count - 1 : 0);
-  const auto& version = (*versions_)[index];
+  const auto& version = versionAt(index);
   if (!version || !parent_) return std::nullopt;
   return platform::appendingPathComponent(parent_->fullPath(), version->fileName());
 }
@@ -81,12 +97,12 @@ std::optional<std::string> QSFSNode::fullPathToVersionAtIndex(uint32_t index) co
 std::string QSFSNode::relativePath() const {
   if (!parent_) return "";
   const std::string above = parent_->relativePath();
-  return above.empty() ? path_ : platform::appendingPathComponent(above, path_);
+  return above.empty() ? path_.str() : platform::appendingPathComponent(above, path_.str());
 }
 
 std::string QSFSNode::fullPath() const {
-  if (!parent_) return path_;
-  return platform::appendingPathComponent(parent_->fullPath(), path_);
+  if (!parent_) return path_.str();
+  return platform::appendingPathComponent(parent_->fullPath(), path_.str());
 }
 
 void QSFSNode::removeOldestVersionsOfFile_fromBackupFolder(uint32_t keep, const std::string& folder) const {
@@ -103,13 +119,13 @@ void QSFSNode::removeOldestVersionsOfFile_beneath_inFolder(uint32_t keep, const 
 }
 
 void QSFSNode::removeOldestVersions(uint32_t keep, const std::function<void(const std::string&)>& remove) const {
-  const size_t n = versions_ ? versions_->size() : 0;
+  const size_t n = versionCount();
   if (n == 0 || n < keep) return;
   const size_t toDelete = n - keep + 1;
   for (size_t j = 0; j < toDelete; ++j) {
     if (j >= n)  // keep = 0: one more than there is
       platform::Exception::raise("NSRangeException", "index -1 beyond bounds [0 .. %zu]", n - 1);
-    const auto& version = (*versions_)[n - 1 - j];
+    const auto& version = versionAt(n - 1 - j);
     if (version && !version->fileName().empty()) remove(version->fileName());
   }
 }
@@ -131,11 +147,12 @@ void QSFSNode::visit(const std::shared_ptr<QSFSNode>& self, QSFSNodeVisitor& vis
 
 std::string QSFSNode::description() const {
   std::string versions = "(null)";
-  if (versions_) {
+  if (hasVersions()) {
     versions = "(\n";
-    for (size_t i = 0; i < versions_->size(); ++i) {
-      versions += "    \"" + (*versions_)[i]->description() + "\"";
-      versions += i + 1 < versions_->size() ? ",\n" : "\n";
+    const size_t count = versionCount();
+    for (size_t i = 0; i < count; ++i) {
+      versions += "    \"" + versionAt(i)->description() + "\"";
+      versions += i + 1 < count ? ",\n" : "\n";
     }
     versions += ")";
   }
@@ -155,7 +172,7 @@ std::string QSFSNode::description() const {
 
 QSFSFileAttributes QSFSNode::destinationAttributes() const {
   if (dst_) return *dst_;
-  if (const auto& latest = latestVersion()) return latest->attributes();
+  if (firstVersion_) return firstVersion_->attributes();
   return QSFSFileAttributes();
 }
 
@@ -173,10 +190,17 @@ void QSFSMutableNode::addNode(const std::shared_ptr<QSFSNode>& node) {
   node->parent_ = this;
 }
 
-void QSFSMutableNode::setVersions(const QSFSVersionArray& versions) { versions_ = QSSortedVersions(versions); }
+void QSFSMutableNode::setVersions(const QSFSVersionArray& versions) {
+  if (versions.size() <= 1) {  // already in order, and the usual case: no sorted copy is made
+    keepVersions(versions);
+    return;
+  }
+  keepVersions(*QSSortedVersions(versions));
+}
 
 std::shared_ptr<QSFSMutableNode> QSFSMutableNode::copyBelow(QSFSNode* parent) const {
-  auto copy = initWithPath(path_);
+  auto copy = init();
+  copy->path_ = path_;
   copy->src_ = src_;
   if (dst_) copy->dst_ = std::make_unique<QSFSFileAttributes>(*dst_);
   copy->parent_ = parent;
@@ -187,7 +211,8 @@ std::shared_ptr<QSFSMutableNode> QSFSMutableNode::copyBelow(QSFSNode* parent) co
       copy->children_->setNode(childCopy);
     });
   }
-  copy->versions_ = versions_;
+  copy->firstVersion_ = firstVersion_;
+  if (moreVersions_) copy->moreVersions_ = std::make_unique<QSFSVersionArray>(*moreVersions_);
   return copy;
 }
 

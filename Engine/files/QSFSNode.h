@@ -19,6 +19,7 @@
 
 #include "Engine/files/QSFSChildMap.h"
 #include "Engine/files/QSFSFileAttributes.h"
+#include "Engine/files/QSFSName.h"
 #include "Engine/files/QSFSVersion.h"
 
 class QSFSNodeVisitor;
@@ -37,9 +38,11 @@ class QSFSNode {
   QSFSNode& operator=(const QSFSNode&) = delete;
 
   const QSFSChildMap& children() const;
-  const QSFSVersionList& versions() const { return versions_; }
+  // The stored copies, newest first (a list made for the asking).
+  QSFSVersionArray versions() const;
+  size_t versionCount() const { return firstVersion_ ? 1 + (moreVersions_ ? moreVersions_->size() : 0) : 0; }
   QSFSNode* parent() const { return parent_; }
-  const std::string& path() const { return path_; }
+  std::string_view path() const { return path_.view(); }
   QSFSFileAttributes sourceAttributes() const { return src_; }
   // The attributes set for the stored item; for a file whose stored copies
   // are known and that has none set, those of its newest copy (kept once, in
@@ -50,7 +53,7 @@ class QSFSNode {
   // The same without a copy (valid while the node's path is unchanged).
   std::string_view fileNameView() const;
   // Whether a versions list exists, even an empty one.
-  bool hasVersions() const { return static_cast<bool>(versions_); }
+  bool hasVersions() const { return firstVersion_ || moreVersions_; }
   std::shared_ptr<QSFSNode> childWithName(const std::string& name) const;
   // The children in the map's order.
   std::vector<std::shared_ptr<QSFSNode>> childEnumerator() const;
@@ -82,12 +85,24 @@ class QSFSNode {
   QSFSNode() = default;
   friend class QSFSMutableNode;
 
-  std::string path_;
+  // Laid out for memory (a tree has a node for every item of a home
+  // folder): 88 bytes, so that a node and its shared count fill one 112-byte
+  // heap block.  Most files have one stored copy, which the node holds
+  // itself; a list is made only for the others.  A versions list that
+  // exists but is empty is an empty `moreVersions_`.
+  QSFSName path_;
   QSFSNode* parent_ = nullptr;
   std::unique_ptr<QSFSChildMap> children_;  // made on the first child
-  QSFSVersionList versions_;
+  std::shared_ptr<QSFSVersion> firstVersion_;          // the newest copy
+  std::unique_ptr<QSFSVersionArray> moreVersions_;     // the older ones, newest first
   QSFSFileAttributes src_;
   std::unique_ptr<QSFSFileAttributes> dst_;  // made when first set
+
+  const std::shared_ptr<QSFSVersion>& versionAt(size_t index) const {
+    return index == 0 ? firstVersion_ : (*moreVersions_)[index - 1];
+  }
+  // Keeps `sorted` (newest first) as the node's versions list.
+  void keepVersions(const QSFSVersionArray& sorted);
 
  private:
   void removeOldestVersions(uint32_t keep, const std::function<void(const std::string&)>& remove) const;
@@ -113,10 +128,10 @@ class QSFSMutableNode : public QSFSNode {
   void addNode(const std::shared_ptr<QSFSNode>& node);
   // Keeps a copy sorted newest first.
   void setVersions(const QSFSVersionArray& versions);
-  // Keeps the given list itself, in its own order.
-  void _setVersions(QSFSVersionList versions) { versions_ = std::move(versions); }
+  // Keeps the given list in its own order.
+  void _setVersions(const QSFSVersionArray& versions) { keepVersions(versions); }
   // A free-standing copy of this node and everything below it; the copies
-  // share the versions lists.
+  // share the stored-copy objects.
   std::shared_ptr<QSFSMutableNode> deepCopy() const;
 
   struct Passkey {

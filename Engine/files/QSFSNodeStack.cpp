@@ -5,11 +5,11 @@
 #include "Engine/records/QSCategoryIdentifiers.h"
 #include "platform/UnicodeText.h"
 
-bool QSNameIs(const std::string& name, const char* literal) {
+bool QSNameIs(std::string_view name, const char* literal) {
   for (unsigned char c : name) {
-    if (c >= 0x80) return platform::lowercase(name) == platform::lowercase(literal);
+    if (c >= 0x80) return platform::lowercase(std::string(name)) == platform::lowercase(literal);
   }
-  return ::strcasecmp(name.c_str(), literal) == 0 && name.size() == std::char_traits<char>::length(literal);
+  return name.size() == std::char_traits<char>::length(literal) && ::strncasecmp(name.data(), literal, name.size()) == 0;
 }
 
 std::set<std::string> QSCategoriesOfMask(QSCategoryMask mask) {
@@ -24,8 +24,9 @@ std::set<std::string> QSCategoriesOfMask(QSCategoryMask mask) {
 // file directly in Library counts as Mail and Other, and the mail
 // preferences file (in Library/Preferences or one folder below) is Mail;
 // everything else is Other.
-QSCategoryMask QSFSNodeStack::categoriesFor(size_t n, const std::string* f1, const std::string* f2,
-                                            const std::optional<std::string>& fileName) {
+QSCategoryMask QSFSNodeStack::categoriesFor(size_t n, std::optional<std::string_view> f1,
+                                            std::optional<std::string_view> f2,
+                                            std::optional<std::string_view> fileName) {
   QSCategoryMask mask = 0;
   if (n > 1 && f1) {
     if (QSNameIs(*f1, "Pictures"))
@@ -52,14 +53,15 @@ QSCategoryMask QSFSNodeStack::categoriesFor(size_t n, const std::string* f1, con
   return mask ? mask : kQSOtherMask;
 }
 
-QSCategoryMask QSFSNodeStack::applicableCategoryMask(const std::optional<std::string>& fileName) const {
+QSCategoryMask QSFSNodeStack::applicableCategoryMask(std::optional<std::string_view> fileName) const {
   const size_t n = stack_.size();
   // Below the starting folder a node's path is its own name: no copy is needed.
-  const std::string* f1 = n > 1 ? &stack_[1]->path() : nullptr;
-  const std::string* f2 = n > 2 ? &stack_[2]->path() : nullptr;
+  std::optional<std::string_view> f1, f2;
+  if (n > 1) f1 = stack_[1]->path();
+  if (n > 2) f2 = stack_[2]->path();
   return categoriesFor(n, f1, f2, fileName);
 }
 
-std::set<std::string> QSFSNodeStack::applicableCategories(const std::optional<std::string>& fileName) const {
+std::set<std::string> QSFSNodeStack::applicableCategories(std::optional<std::string_view> fileName) const {
   return QSCategoriesOfMask(applicableCategoryMask(fileName));
 }

@@ -8,6 +8,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Engine/files/QSFSNode.h"
@@ -23,7 +24,7 @@ inline constexpr QSCategoryMask kQSOtherMask = 1 << 5;
 // The identifiers of the categories set in `mask`, in the order of kAllCategories.
 std::set<std::string> QSCategoriesOfMask(QSCategoryMask mask);
 // Whether `name` equals `literal` ignoring case (as a case-insensitive like-match without wildcards).
-bool QSNameIs(const std::string& name, const char* literal);
+bool QSNameIs(std::string_view name, const char* literal);
 
 class QSFSNodeStack {
  public:
@@ -38,14 +39,15 @@ class QSFSNodeStack {
 
   // The categories of an item whose ancestors are on the stack (index 0 the
   // starting folder); `fileName` is the item's own name, or nothing.
-  std::set<std::string> applicableCategories(const std::optional<std::string>& fileName) const;
+  std::set<std::string> applicableCategories(std::optional<std::string_view> fileName) const;
   // The same as bits, for walks that count every file.
-  QSCategoryMask applicableCategoryMask(const std::optional<std::string>& fileName) const;
+  QSCategoryMask applicableCategoryMask(std::optional<std::string_view> fileName) const;
 
   // The rule itself, given the names of the folders at stack indices 1 and 2
   // (when the stack is that deep) and the stack size.
-  static QSCategoryMask categoriesFor(size_t stackSize, const std::string* firstFolder, const std::string* secondFolder,
-                                      const std::optional<std::string>& fileName);
+  static QSCategoryMask categoriesFor(size_t stackSize, std::optional<std::string_view> firstFolder,
+                                      std::optional<std::string_view> secondFolder,
+                                      std::optional<std::string_view> fileName);
 
  private:
   std::vector<std::shared_ptr<QSFSNode>> stack_;

@@ -19,7 +19,7 @@ void QSRecordedWalk::startTraversalOfPath(const std::string& path) {
 }
 
 void QSRecordedWalk::finishTraversalOfPath(const std::string& path) {
-  if (path != top_ || !open_.empty()) unplayable_ = true;
+  if (path != top_ || !open_.empty() || groupOpen_) unplayable_ = true;
   finished_ = true;
   open_.clear();
   open_.shrink_to_fit();
@@ -41,11 +41,14 @@ bool QSRecordedWalk::nameBelowOpenFolder(const std::string& path, std::string* n
 }
 
 void QSRecordedWalk::add(Kind kind, const std::string& name, uint32_t payload, uint32_t count) {
-  if (names_.size() + name.size() > std::numeric_limits<uint32_t>::max()) {
+  if (groupOpen_) unplayable_ = true;  // only the group's own finish may follow its start
+  if (names_.size() + name.size() > std::numeric_limits<uint32_t>::max() ||
+      name.size() > std::numeric_limits<uint16_t>::max()) {
     unplayable_ = true;
     return;
   }
-  steps_.push_back(Step{kind, static_cast<uint32_t>(names_.size()), static_cast<uint32_t>(name.size()), payload, count});
+  steps_.push_back(
+      Step{static_cast<uint32_t>(names_.size()), static_cast<uint16_t>(name.size()), kind, payload, count});
   names_ += name;
 }
 
@@ -80,10 +83,12 @@ void QSRecordedWalk::finishVisitAtPath_attributes(const std::string& path, const
 }
 
 void QSRecordedWalk::reserveForCopies(size_t copies) {
-  // A group of copies is two calls; most files have one or two copies.
-  steps_.reserve(copies * 2 + 1024);
+  // One step per group of copies (there are at most as many groups as
+  // copies) and two per folder, which are far fewer; a name of about 20
+  // bytes per group.  Room short of the need doubles, so the margin is kept.
+  steps_.reserve(copies + copies / 4 + 1024);
   versions_.reserve(copies + 1024);
-  names_.reserve(copies * 12 + 4096);
+  names_.reserve(copies * 24 + 4096);
 }
 
 void QSRecordedWalk::startVisitOfGroup_atPath(const QSFSVersionArray& versions, const std::string& path) {
@@ -92,23 +97,24 @@ void QSRecordedWalk::startVisitOfGroup_atPath(const QSFSVersionArray& versions, 
     unplayable_ = true;
     return;
   }
-  add(Kind::StartGroup, name, static_cast<uint32_t>(versions_.size()), static_cast<uint32_t>(versions.size()));
+  add(Kind::Group, name, static_cast<uint32_t>(versions_.size()), static_cast<uint32_t>(versions.size()));
   versions_.insert(versions_.end(), versions.begin(), versions.end());
+  groupOpen_ = true;
 }
 
 void QSRecordedWalk::finishVisitOfGroup_atPath(const QSFSVersionArray& versions, const std::string& path) {
-  // A walk finishes a group with the copies and path it started it with:
-  // the finish step plays back the start's.
+  // The group step plays both calls: the finish must come right after its
+  // start, with the same copies and path.
   const Step* start = steps_.empty() ? nullptr : &steps_.back();
   std::string name;
-  if (!start || start->kind != Kind::StartGroup || start->count != versions.size() ||
+  if (!groupOpen_ || !start || start->kind != Kind::Group || start->count != versions.size() ||
       !nameBelowOpenFolder(path, &name) || names_.compare(start->nameOffset, start->nameLength, name) != 0) {
     unplayable_ = true;
     return;
   }
+  groupOpen_ = false;
   for (size_t i = 0; i < versions.size(); ++i)
     if (versions_[start->payload + i] != versions[i]) unplayable_ = true;
-  steps_.push_back(Step{Kind::FinishGroup, start->nameOffset, start->nameLength, start->payload, start->count});
 }
 
 const platform::FileAttributes* QSRecordedWalk::topAttributes() const {
@@ -148,14 +154,12 @@ void QSRecordedWalk::playTo(FSVisitor& visitor, const std::atomic<bool>* stop) c
         visitor.finishVisitAtPath_attributes(paths.back(), attributes_[step.payload]);
         paths.pop_back();
         break;
-      case Kind::StartGroup:
-      case Kind::FinishGroup: {
+      case Kind::Group: {
         group.assign(versions_.begin() + step.payload, versions_.begin() + step.payload + step.count);
         const std::string path = pathOf(step);
-        if (step.kind == Kind::StartGroup)
-          visitor.startVisitOfGroup_atPath(group, path);
-        else
-          visitor.finishVisitOfGroup_atPath(group, path);
+        visitor.startVisitOfGroup_atPath(group, path);
+        if (stop && stop->load(std::memory_order_relaxed)) break;
+        visitor.finishVisitOfGroup_atPath(group, path);
         break;
       }
     }

@@ -47,14 +47,17 @@ class QSRecordedWalk : public FSVisitor {
   void playTo(FSVisitor& visitor, const std::atomic<bool>* stop) const;
 
  private:
-  enum class Kind : uint8_t { StartItem, FinishItem, StartGroup, FinishGroup };
+  // A walk finishes a group of copies right after starting it, with the same
+  // copies and path: one Group step stands for both calls.
+  enum class Kind : uint8_t { StartItem, FinishItem, Group };
   struct Step {
-    Kind kind;
     uint32_t nameOffset;  // into names_
-    uint32_t nameLength;
+    uint16_t nameLength;  // one path component (the top item's path is top_)
+    Kind kind;
     uint32_t payload;     // attributes_ index (items) or versions_ offset (groups)
     uint32_t count;       // copies in the group
   };
+  static_assert(sizeof(Step) == 16);
 
   // The name that makes `path` below the open folder; false when it is not one.
   bool nameBelowOpenFolder(const std::string& path, std::string* name) const;
@@ -69,5 +72,6 @@ class QSRecordedWalk : public FSVisitor {
   std::vector<uint32_t> openAttributes_;  // their attributes' indexes
   bool started_ = false;
   bool finished_ = false;
+  bool groupOpen_ = false;  // a group started and not yet finished, while recording
   bool unplayable_ = false;
 };

@@ -53,7 +53,7 @@ bool QSTransferInstrument::startVisit(const std::shared_ptr<QSFSNode>& node) {
   const QSFSFileAttributes source = node->sourceAttributes();
   // The node is on the stack now: its own folder name counts for its categories.
   const QSCategoryMask categories = nodeStack_.applicableCategoryMask(
-      source.type == kQSFSTypeFile ? std::optional<std::string>(node->fileName()) : std::nullopt);
+      source.type == kQSFSTypeFile ? std::optional<std::string_view>(node->fileNameView()) : std::nullopt);
   if (!(categories & categoryFilter_)) return false;
   if (isCancelled_ && isCancelled_->load()) return false;
   if (source.type == kQSFSTypeFolder) {

@@ -6,7 +6,8 @@
 
 namespace {
 QSFSFileAttributes file(int64_t size, double created, double modified) {
-  return QSFSFileAttributes{size, kQSFSTypeFile, true, created, modified};
+  return QSFSFileAttributes{
+      .size = size, .type = kQSFSTypeFile, .fileTypeIsARegularFile = true, .creationDate = created, .modificationDate = modified};
 }
 }  // namespace
 

@@ -15,21 +15,21 @@ class Recorder : public QSFSBasicNodeVisitor {
   size_t deepestStack = 0;
   void startTraversalOfRoot(const std::shared_ptr<QSFSNode>& n) override {
     QSFSBasicNodeVisitor::startTraversalOfRoot(n);
-    calls.push_back("begin " + n->path());
+    calls.push_back("begin " + std::string(n->path()));
   }
   bool startVisit(const std::shared_ptr<QSFSNode>& n) override {
     QSFSBasicNodeVisitor::startVisit(n);
     deepestStack = std::max(deepestStack, nodeStack().size());
-    calls.push_back("start " + n->path());
+    calls.push_back("start " + std::string(n->path()));
     onStart(n);
     return answer(n);
   }
   void finishVisit(const std::shared_ptr<QSFSNode>& n) override {
-    calls.push_back("finish " + n->path());
+    calls.push_back("finish " + std::string(n->path()));
     QSFSBasicNodeVisitor::finishVisit(n);
   }
   void finishTraversalOfRoot(const std::shared_ptr<QSFSNode>& n) override {
-    calls.push_back("end " + n->path());
+    calls.push_back("end " + std::string(n->path()));
     QSFSBasicNodeVisitor::finishTraversalOfRoot(n);
   }
 };

@@ -10,6 +10,15 @@
 
 namespace {
 
+// The record of a regular file.
+QSFSFileAttributes fileRecord(int64_t size, double created, double modified) {
+  return QSFSFileAttributes{.size = size,
+                            .type = kQSFSTypeFile,
+                            .fileTypeIsARegularFile = true,
+                            .creationDate = created,
+                            .modificationDate = modified};
+}
+
 std::shared_ptr<QSFSVersion> version(const std::string& name, uint64_t index) {
   return QSFSVersion::initWithFileName_attributes_index(name, QSFSFileAttributes{}, index);
 }
@@ -28,13 +37,13 @@ struct SmallTree {
 class Recorder : public QSFSNodeVisitor {
  public:
   std::vector<std::string> calls;
-  void startTraversalOfRoot(const std::shared_ptr<QSFSNode>& n) override { calls.push_back("begin " + n->path()); }
+  void startTraversalOfRoot(const std::shared_ptr<QSFSNode>& n) override { calls.push_back("begin " + std::string(n->path())); }
   bool startVisit(const std::shared_ptr<QSFSNode>& n) override {
-    calls.push_back("start " + n->path());
+    calls.push_back("start " + std::string(n->path()));
     return false;  // ignored by the node's own walk
   }
-  void finishVisit(const std::shared_ptr<QSFSNode>& n) override { calls.push_back("finish " + n->path()); }
-  void finishTraversalOfRoot(const std::shared_ptr<QSFSNode>& n) override { calls.push_back("end " + n->path()); }
+  void finishVisit(const std::shared_ptr<QSFSNode>& n) override { calls.push_back("finish " + std::string(n->path())); }
+  void finishTraversalOfRoot(const std::shared_ptr<QSFSNode>& n) override { calls.push_back("end " + std::string(n->path())); }
 };
 
 }  // namespace
@@ -89,14 +98,14 @@ TEST(QSFSNodeTest, ManyChildrenStayFindableAfterRemovals) {
 TEST(QSFSNodeTest, VersionsAreHeldNewestFirst) {
   QSFSVersionArray v = {version("a@3.txt", 3), version("a@10.txt", 10), version("a@7.txt", 7)};
   auto n = QSFSNode::initWithFileName_versions("a.txt", &v);
-  ASSERT_EQ(n->versions()->size(), 3u);
-  EXPECT_EQ((*n->versions())[0]->index(), 10u);
-  EXPECT_EQ((*n->versions())[1]->index(), 7u);
-  EXPECT_EQ((*n->versions())[2]->index(), 3u);
+  ASSERT_EQ(n->versions().size(), 3u);
+  EXPECT_EQ(n->versions()[0]->index(), 10u);
+  EXPECT_EQ(n->versions()[1]->index(), 7u);
+  EXPECT_EQ(n->versions()[2]->index(), 3u);
   EXPECT_EQ(n->latestVersion()->index(), 10u);
   EXPECT_EQ(n->oldestVersion()->index(), 3u);
   auto m = QSFSMutableNode::initWithPath("a.txt");
-  m->_setVersions(std::make_shared<const QSFSVersionArray>(v));  // kept in the caller's order
+  m->_setVersions(v);  // kept in the caller's order
   EXPECT_EQ(m->latestVersion()->index(), 3u);
   m->setVersions(v);
   EXPECT_EQ(m->latestVersion()->index(), 10u);
@@ -114,7 +123,7 @@ TEST(QSFSNodeTest, StoredNameWithNegativeOrUnreadableNumberYieldsNoVersion) {
   EXPECT_EQ(QSFSVersion::versionWithFileName_attributes("a@-5.txt", {}), nullptr);
   EXPECT_EQ(QSFSVersion::versionWithFileName_attributes("a@99999999999999999999.txt", {}), nullptr);
   EXPECT_EQ(QSFSVersion::versionWithFileName_attributes("report.txt", {}), nullptr);
-  auto v = QSFSVersion::versionWithFileName_attributes("report@12.txt", QSFSFileAttributes{5, 2, true, 1, 2});
+  auto v = QSFSVersion::versionWithFileName_attributes("report@12.txt", fileRecord(5, 1, 2));
   ASSERT_NE(v, nullptr);
   EXPECT_EQ(v->index(), 12u);
   EXPECT_EQ(v->fileName(), "report@12.txt");
@@ -173,7 +182,7 @@ TEST(QSFSNodeTest, PruningFiveVersionsToKeepThreeLeavesTheTwoNewest) {
   EXPECT_EQ(filesIn(dir), 2);
   EXPECT_TRUE(std::filesystem::exists(dir / "a@4.txt"));
   EXPECT_TRUE(std::filesystem::exists(dir / "a@3.txt"));
-  EXPECT_EQ(node->versions()->size(), 5u);  // the list is left as it was
+  EXPECT_EQ(node->versions().size(), 5u);  // the list is left as it was
 }
 
 TEST(QSFSNodeTest, PruningTwoVersionsToKeepThreeDeletesNothing) {
@@ -201,7 +210,7 @@ TEST(QSFSNodeTest, PruningWithKeepZeroDeletesAllThenRaises) {
 TEST(QSFSNodeTest, DeepCopyHasNoParentSharesVersionsAndIsIndependent) {
   SmallTree t;
   t.report->setVersions({version("report@0.txt", 0)});
-  t.report->setSourceAttributes(QSFSFileAttributes{10, 2, true, 1, 2});
+  t.report->setSourceAttributes(fileRecord(10, 1, 2));
   auto copy = t.documents->deepCopy();
   EXPECT_EQ(copy->parent(), nullptr);
   EXPECT_EQ(copy->path(), "Documents");
@@ -209,7 +218,7 @@ TEST(QSFSNodeTest, DeepCopyHasNoParentSharesVersionsAndIsIndependent) {
   ASSERT_NE(copiedReport, nullptr);
   EXPECT_NE(copiedReport, t.report);
   EXPECT_EQ(copiedReport->parent(), copy.get());
-  EXPECT_EQ(copiedReport->versions(), t.report->versions());  // the same list object
+  EXPECT_EQ(copiedReport->versions(), t.report->versions());  // the same stored-copy objects
   EXPECT_EQ(copiedReport->sourceAttributes().size, 10);
   copy->addNode(QSFSMutableNode::initWithPath("new.txt"));
   EXPECT_EQ(t.documents->children().count(), 1u);
@@ -242,8 +251,8 @@ TEST(QSFSNodeTest, ChangingChildrenDuringTheWalkRaises) {
 
 TEST(QSFSNodeTest, DestinationAttributesAndDescription) {
   auto n = QSFSMutableNode::initWithPath("a.txt");
-  n->setSourceAttributes(QSFSFileAttributes{12, 2, true, 0, 60});
-  n->setDestinationAttributes(QSFSFileAttributes{7, 2, true, 3600, 7200});
+  n->setSourceAttributes(fileRecord(12, 0, 60));
+  n->setDestinationAttributes(fileRecord(7, 3600, 7200));
   EXPECT_EQ(n->destinationAttributes().size, 7);
   const std::string d = n->description();
   EXPECT_EQ(d.substr(0, d.find("\n\tversions=")),
@@ -256,11 +265,11 @@ TEST(QSFSNodeTest, DestinationAttributesAndDescription) {
 
 TEST(QSFSNodeTest, AFileWithoutSetDestinationAttributesHasItsNewestCopys) {
   QSFSVersionArray versions{
-      QSFSVersion::initWithFileName_attributes_index("a@0.txt", QSFSFileAttributes{5, 2, true, 1, 2}, 0),
-      QSFSVersion::initWithFileName_attributes_index("a@4.txt", QSFSFileAttributes{9, 2, true, 3, 4}, 4),
+      QSFSVersion::initWithFileName_attributes_index("a@0.txt", fileRecord(5, 1, 2), 0),
+      QSFSVersion::initWithFileName_attributes_index("a@4.txt", fileRecord(9, 3, 4), 4),
   };
   auto n = QSFSMutableNode::initWithFileName_versions("a.txt", &versions);
-  EXPECT_EQ(n->destinationAttributes(), (QSFSFileAttributes{9, 2, true, 3, 4}));
-  n->setDestinationAttributes(QSFSFileAttributes{7, 2, true, 0, 0});
+  EXPECT_EQ(n->destinationAttributes(), (fileRecord(9, 3, 4)));
+  n->setDestinationAttributes(fileRecord(7, 0, 0));
   EXPECT_EQ(n->destinationAttributes().size, 7);
 }

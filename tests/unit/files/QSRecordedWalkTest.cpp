@@ -1,6 +1,9 @@
 #include "Engine/files/QSRecordedWalk.h"
 
 #include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -97,4 +100,32 @@ TEST(QSRecordedWalkTest, AnUnfinishedOrMisshapenRecordingIsNotPlayed) {
   stray.finishTraversalOfPath("/b");
   EXPECT_FALSE(stray.isComplete());
   EXPECT_TRUE(skerrow_test::playedCalls(stray).empty());
+
+  // A group of copies is kept as one step, so its finish must follow its
+  // start at once, with the same copies and path.
+  const QSFSVersionArray copies{QSFSVersion::initWithFileName_attributes_index("a@0.txt", QSFSFileAttributes{}, 0)};
+  auto withGroup = [&](const std::function<void(QSRecordedWalk&)>& between, const std::string& finishPath,
+                       const QSFSVersionArray& finishCopies) {
+    auto walk = std::make_unique<QSRecordedWalk>();
+    walk->startTraversalOfPath("/b");
+    walk->startVisitAtPath_attributes("/b", folder);
+    walk->startVisitOfGroup_atPath(copies, "/b/a.txt");
+    between(*walk);
+    walk->finishVisitOfGroup_atPath(finishCopies, finishPath);
+    walk->finishVisitAtPath_attributes("/b", folder);
+    walk->finishTraversalOfPath("/b");
+    return walk;
+  };
+  const auto nothing = [](QSRecordedWalk&) {};
+  EXPECT_TRUE(withGroup(nothing, "/b/a.txt", copies)->isComplete());
+  EXPECT_EQ(skerrow_test::playedCalls(*withGroup(nothing, "/b/a.txt", copies)).size(), 6u);
+  EXPECT_FALSE(withGroup(nothing, "/b/other.txt", copies)->isComplete());
+  EXPECT_FALSE(withGroup(nothing, "/b/a.txt", QSFSVersionArray{})->isComplete());
+  const auto anotherGroup = [&](QSRecordedWalk& walk) { walk.startVisitOfGroup_atPath(copies, "/b/c.txt"); };
+  EXPECT_FALSE(withGroup(anotherGroup, "/b/a.txt", copies)->isComplete());
+  const auto aFolder = [&](QSRecordedWalk& walk) {
+    walk.startVisitAtPath_attributes("/b/d", folder);
+    walk.finishVisitAtPath_attributes("/b/d", folder);
+  };
+  EXPECT_FALSE(withGroup(aFolder, "/b/a.txt", copies)->isComplete());
 }
