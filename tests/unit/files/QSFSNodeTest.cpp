@@ -273,3 +273,23 @@ TEST(QSFSNodeTest, AFileWithoutSetDestinationAttributesHasItsNewestCopys) {
   n->setDestinationAttributes(fileRecord(7, 0, 0));
   EXPECT_EQ(n->destinationAttributes().size, 7);
 }
+
+TEST(QSFSNodeTest, SettingVersionsAgainReplacesTheWholeListWhateverItsLength) {
+  auto n = QSFSMutableNode::initWithPath("a.txt");
+  n->setVersions({version("a@1.txt", 1), version("a@5.txt", 5), version("a@3.txt", 3)});
+  EXPECT_EQ(n->versionCount(), 3u);
+  EXPECT_EQ(n->oldestVersion()->index(), 1u);
+  n->setVersions({version("a@7.txt", 7)});
+  EXPECT_EQ(n->versionCount(), 1u);
+  EXPECT_EQ(n->latestVersion()->index(), 7u);
+  EXPECT_EQ(n->oldestVersion()->index(), 7u);
+  EXPECT_FALSE(n->fullPathToLatestVersion().has_value());  // no folder to find it in
+  n->setVersions({});
+  EXPECT_TRUE(n->hasVersions());
+  EXPECT_EQ(n->versionCount(), 0u);
+  EXPECT_EQ(n->latestVersion(), nullptr);
+  n->setVersions({version("a@2.txt", 2), version("a@9.txt", 9)});
+  EXPECT_EQ(n->versions().size(), 2u);
+  EXPECT_EQ(n->versions()[0]->index(), 9u);
+  EXPECT_EQ(n->versions()[1]->index(), 2u);
+}
