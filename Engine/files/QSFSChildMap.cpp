@@ -6,20 +6,46 @@
 
 namespace {
 
-std::string lowerName(const QSFSNode& node) { return platform::lowercase(std::string(node.fileNameView())); }
+bool isAscii(std::string_view name) {
+  for (unsigned char c : name)
+    if (c >= 0x80) return false;
+  return true;
+}
 
-}  // namespace
+char asciiLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
-uint64_t QSFSChildMap::hashOf(const std::string& lowerName) {
+// The key a name is filed under, made only for names that are not plain
+// ASCII (an ASCII name is compared and hashed in place, without a copy).
+std::string lowerName(std::string_view name) { return platform::lowercase(std::string(name)); }
+
+uint64_t fnv(std::string_view bytes, bool lowerAscii) {
   uint64_t h = 1469598103934665603ull;  // FNV-1a
-  for (unsigned char c : lowerName) {
-    h ^= c;
+  for (char c : bytes) {
+    h ^= static_cast<unsigned char>(lowerAscii ? asciiLower(c) : c);
     h *= 1099511628211ull;
   }
   return h;
 }
 
-size_t QSFSChildMap::probe(const std::string& lowerName, uint64_t hash, bool* found) const {
+}  // namespace
+
+uint64_t QSFSChildMap::hashOf(std::string_view name) {
+  return isAscii(name) ? fnv(name, true) : fnv(lowerName(name), false);
+}
+
+bool QSFSChildMap::sameKey(std::string_view a, std::string_view b) {
+  if (isAscii(a) && isAscii(b)) {
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); ++i)
+      if (asciiLower(a[i]) != asciiLower(b[i])) return false;
+    return true;
+  }
+  // Lower-casing may change lengths, and may turn a letter that is not
+  // ASCII into one that is (KELVIN SIGN into "k"): compare the keys.
+  return lowerName(a) == lowerName(b);
+}
+
+size_t QSFSChildMap::probe(std::string_view name, uint64_t hash, bool* found) const {
   const size_t mask = slots_.size() - 1;
   const uint64_t tag = hash >> 32;
   for (size_t i = static_cast<size_t>(hash) & mask;; i = (i + 1) & mask) {
@@ -28,7 +54,7 @@ size_t QSFSChildMap::probe(const std::string& lowerName, uint64_t hash, bool* fo
       *found = false;
       return i;
     }
-    if ((slot >> 32) == tag && ::lowerName(*entries_[(slot & 0xffffffffu) - 1]) == lowerName) {
+    if ((slot >> 32) == tag && sameKey(entries_[(slot & 0xffffffffu) - 1]->fileNameView(), name)) {
       *found = true;
       return i;
     }
@@ -39,7 +65,7 @@ void QSFSChildMap::rebuild(size_t capacity) {
   slots_.assign(capacity, 0);
   const size_t mask = capacity - 1;
   for (size_t e = 0; e < entries_.size(); ++e) {
-    const uint64_t hash = hashOf(lowerName(*entries_[e]));
+    const uint64_t hash = hashOf(entries_[e]->fileNameView());
     size_t i = static_cast<size_t>(hash) & mask;
     while (slots_[i] != 0) i = (i + 1) & mask;
     slots_[i] = ((hash >> 32) << 32) | (e + 1);
@@ -49,10 +75,10 @@ void QSFSChildMap::rebuild(size_t capacity) {
 void QSFSChildMap::setNode(Node node) {
   ++mutations_;
   if ((entries_.size() + 1) * 4 > slots_.size() * 3) rebuild(slots_.empty() ? 4 : slots_.size() * 2);
-  const std::string lower = lowerName(*node);
-  const uint64_t hash = hashOf(lower);
+  const std::string_view name = node->fileNameView();
+  const uint64_t hash = hashOf(name);
   bool found = false;
-  const size_t i = probe(lower, hash, &found);
+  const size_t i = probe(name, hash, &found);
   if (found) {
     entries_[(slots_[i] & 0xffffffffu) - 1] = std::move(node);
     return;
@@ -63,17 +89,15 @@ void QSFSChildMap::setNode(Node node) {
 
 QSFSChildMap::Node QSFSChildMap::objectForKey(const std::string& name) const {
   if (entries_.empty()) return nullptr;
-  const std::string lower = platform::lowercase(name);
   bool found = false;
-  const size_t i = probe(lower, hashOf(lower), &found);
+  const size_t i = probe(name, hashOf(name), &found);
   return found ? entries_[(slots_[i] & 0xffffffffu) - 1] : nullptr;
 }
 
 void QSFSChildMap::removeObjectForKey(const std::string& name) {
   if (entries_.empty()) return;
-  const std::string lower = platform::lowercase(name);
   bool found = false;
-  const size_t i = probe(lower, hashOf(lower), &found);
+  const size_t i = probe(name, hashOf(name), &found);
   if (!found) return;
   ++mutations_;
   entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>((slots_[i] & 0xffffffffu) - 1));
@@ -99,6 +123,6 @@ void QSFSChildMap::enumerate(const std::function<void(const Node&)>& visit) cons
 std::vector<std::string> QSFSChildMap::keyEnumerator() const {
   std::vector<std::string> keys;
   keys.reserve(entries_.size());
-  for (const Node& n : entries_) keys.push_back(lowerName(*n));
+  for (const Node& n : entries_) keys.push_back(lowerName(n->fileNameView()));
   return keys;
 }

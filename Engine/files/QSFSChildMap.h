@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 class QSFSNode;
@@ -35,9 +36,12 @@ class QSFSChildMap {
   std::vector<Node> objectEnumerator() const { return entries_; }
 
  private:
-  static uint64_t hashOf(const std::string& lowerName);
-  // Index slot of the name (lower-cased, with its hash): where it is, or where it would go.
-  size_t probe(const std::string& lowerName, uint64_t hash, bool* found) const;
+  // The hash of a name's lower-cased key.
+  static uint64_t hashOf(std::string_view name);
+  // Whether two names have the same lower-cased key.
+  static bool sameKey(std::string_view a, std::string_view b);
+  // Index slot of the name (with its hash): where it is, or where it would go.
+  size_t probe(std::string_view name, uint64_t hash, bool* found) const;
   void rebuild(size_t capacity);
 
   std::vector<Node> entries_;

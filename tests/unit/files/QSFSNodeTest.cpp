@@ -86,6 +86,21 @@ TEST(QSFSNodeTest, ChildLookupIgnoresUnicodeCase) {
   EXPECT_EQ(parent->childWithName("ete.txt"), nullptr);
 }
 
+TEST(QSFSNodeTest, ChildLookupComparesLowerCasedKeysEvenWhenOnlyOneNameIsAscii) {
+  auto parent = QSFSMutableNode::initWithPath("/h");
+  parent->addNode(QSFSMutableNode::initWithPath("\u212A.txt"));  // KELVIN SIGN lower-cases to "k"
+  EXPECT_NE(parent->childWithName("k.txt"), nullptr);
+  EXPECT_NE(parent->childWithName("K.TXT"), nullptr);
+  parent->addNode(QSFSMutableNode::initWithPath("K.txt"));  // the same key: it replaces the first
+  EXPECT_EQ(parent->children().count(), 1u);
+  EXPECT_EQ(parent->childWithName("\u212A.txt")->path(), "K.txt");
+  // Bytes that are not UTF-8 keep their case, only ASCII letters fold.
+  parent->addNode(QSFSMutableNode::initWithPath("A\xff.bin"));
+  EXPECT_NE(parent->childWithName("a\xff.BIN"), nullptr);
+  EXPECT_EQ(parent->childWithName("a\xfe.bin"), nullptr);
+  EXPECT_EQ(parent->children().count(), 2u);
+}
+
 TEST(QSFSNodeTest, ManyChildrenStayFindableAfterRemovals) {
   auto parent = QSFSMutableNode::initWithPath("/h");
   for (int i = 0; i < 2000; ++i) parent->addNode(QSFSMutableNode::initWithPath("File" + std::to_string(i)));
