@@ -77,12 +77,20 @@ std::shared_ptr<QSFSVersion> QSFSNode::oldestVersion() const {
 void QSFSNode::keepVersions(const QSFSVersionArray& sorted) {
   firstVersion_.reset();
   moreVersions_.reset();
-  if (sorted.empty()) {
-    moreVersions_ = std::make_unique<QSFSVersionArray>();  // a list, with nothing in it
-    return;
+  for (const auto& version : sorted) {
+    if (!version) continue;  // no copy: nothing to keep
+    if (!firstVersion_) {
+      firstVersion_ = version;
+      continue;
+    }
+    if (!moreVersions_) {
+      moreVersions_ = std::make_unique<QSFSVersionArray>();
+      moreVersions_->reserve(sorted.size() - 1);
+    }
+    moreVersions_->push_back(version);
   }
-  firstVersion_ = sorted.front();
-  if (sorted.size() > 1) moreVersions_ = std::make_unique<QSFSVersionArray>(sorted.begin() + 1, sorted.end());
+  // A list, with nothing in it.
+  if (!firstVersion_) moreVersions_ = std::make_unique<QSFSVersionArray>();
 }
 
 std::optional<std::string> QSFSNode::fullPathToVersionAtIndex(uint32_t index) const {

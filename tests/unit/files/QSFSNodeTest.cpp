@@ -308,3 +308,15 @@ TEST(QSFSNodeTest, SettingVersionsAgainReplacesTheWholeListWhateverItsLength) {
   EXPECT_EQ(n->versions()[0]->index(), 9u);
   EXPECT_EQ(n->versions()[1]->index(), 2u);
 }
+
+TEST(QSFSNodeTest, AListOfCopiesWithAMissingOneKeepsTheOthersInOrder) {
+  auto n = QSFSMutableNode::initWithPath("a.txt");
+  n->_setVersions({nullptr, version("a@4.txt", 4), nullptr, version("a@2.txt", 2)});
+  EXPECT_TRUE(n->hasVersions());
+  ASSERT_EQ(n->versionCount(), 2u);
+  EXPECT_EQ(n->latestVersion()->index(), 4u);
+  EXPECT_EQ(n->oldestVersion()->index(), 2u);
+  n->_setVersions({nullptr});
+  EXPECT_TRUE(n->hasVersions());
+  EXPECT_EQ(n->versionCount(), 0u);
+}
