@@ -69,7 +69,9 @@ class QSCreationDateCache {
   size_t count() const;
 
   // Writes the cache to its file when a walk renewed it since it was last
-  // written.  Meant for after the walk, off the path of a backup.
+  // written, and then, when the file holds every entry and no walk is under
+  // way, lets the entries go from memory; the next `beginWalk` reads them
+  // back.  Meant for after the walk, off the path of a backup.
   void keep();
 
  private:
@@ -90,6 +92,10 @@ class QSCreationDateCache {
   const std::string file_;
   mutable std::mutex lock_;
   bool renewed_ = false;
+  bool onFile_ = false;     // the file holds known_ as it is
+  bool walking_ = false;    // between beginWalk and finishWalk
+  bool released_ = false;   // known_ let go after keep: read it back from the file
+  size_t releasedCount_ = 0;
   uint64_t device_ = 0;
   std::vector<Entry> known_;  // sorted by inode
   // During a walk: which known copies it saw as they are, the copies it

@@ -4,6 +4,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <filesystem>
 #include <thread>
 
@@ -154,6 +155,46 @@ TEST(QSCreationDateCacheTest, ACacheKeptInItsFileIsReadBackByTheNextRunForTheSam
   std::filesystem::rename(backup, dir / "old");
   std::filesystem::create_directory(backup);
   EXPECT_EQ(QSCreationDateCache(backup, file).count(), 0u);
+}
+
+TEST(QSCreationDateCacheTest, BetweenWalksTheEntriesLiveInTheKeptFileAndTheNextWalkReadsThemBack) {
+  skerrow_test::TempDir dir;
+  const std::string backup = dir.mkdir("U");
+  const std::string copy = dir.write("U/a@0.txt", "a");
+  if (!setStoredDate(copy, "978307260.500000000")) GTEST_SKIP() << "this file system keeps no user extended attributes";
+  const std::string file = dir / "creationdates-U.cache";
+  auto cache = std::make_shared<QSCreationDateCache>(backup, file);
+  cache->setRecentChangeMargin(-3600);
+  skerrow_test::destinationWalkCalls(backup, cache);
+  cache->keep();
+  ASSERT_TRUE(std::filesystem::exists(file));
+  EXPECT_EQ(cache->count(), 1u);
+  platform::FileAttributes examined;
+  ASSERT_TRUE(platform::FileManager::attributesAtPath(copy, &examined));
+  platform::FileAttributes outside = examined;
+  EXPECT_FALSE(cache->fill(&outside));  // let go from memory once kept
+
+  const platform::FileTime now{static_cast<int64_t>(::time(nullptr)), 0};
+  cache->beginWalk(now);  // read back from the file
+  platform::FileAttributes during = examined;
+  ASSERT_TRUE(cache->fill(&during));
+  EXPECT_EQ(during.creationTime, (platform::FileTime{978307260, 500000000}));
+  cache->finishWalk(true);
+  cache->keep();  // nothing new to write; let go again
+  EXPECT_EQ(cache->count(), 1u);
+
+  // The file taken away between walks: the next walk knows nothing, reads
+  // the copy's date again and keeps it anew.
+  std::filesystem::remove(file);
+  cache->beginWalk(now);
+  platform::FileAttributes unknown = examined;
+  EXPECT_FALSE(cache->fill(&unknown));
+  cache->finishWalk(false);
+  skerrow_test::destinationWalkCalls(backup, cache);
+  EXPECT_EQ(cache->count(), 1u);
+  cache->keep();
+  EXPECT_TRUE(std::filesystem::exists(file));
+  EXPECT_EQ(QSCreationDateCache(backup, file).count(), 1u);
 }
 
 TEST(QSCreationDateCacheTest, ADamagedOrForeignKeptFileIsIgnored) {
