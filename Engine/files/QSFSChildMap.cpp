@@ -6,14 +6,6 @@
 
 namespace {
 
-bool isAscii(std::string_view name) {
-  for (unsigned char c : name)
-    if (c >= 0x80) return false;
-  return true;
-}
-
-char asciiLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
 // The key a name is filed under, made only for names that are not plain
 // ASCII (an ASCII name is compared and hashed in place, without a copy).
 std::string lowerName(std::string_view name) { return platform::lowercase(std::string(name)); }
@@ -21,7 +13,7 @@ std::string lowerName(std::string_view name) { return platform::lowercase(std::s
 uint64_t fnv(std::string_view bytes, bool lowerAscii) {
   uint64_t h = 1469598103934665603ull;  // FNV-1a
   for (char c : bytes) {
-    h ^= static_cast<unsigned char>(lowerAscii ? asciiLower(c) : c);
+    h ^= static_cast<unsigned char>(lowerAscii && c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
     h *= 1099511628211ull;
   }
   return h;
@@ -30,19 +22,7 @@ uint64_t fnv(std::string_view bytes, bool lowerAscii) {
 }  // namespace
 
 uint64_t QSFSChildMap::hashOf(std::string_view name) {
-  return isAscii(name) ? fnv(name, true) : fnv(lowerName(name), false);
-}
-
-bool QSFSChildMap::sameKey(std::string_view a, std::string_view b) {
-  if (isAscii(a) && isAscii(b)) {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); ++i)
-      if (asciiLower(a[i]) != asciiLower(b[i])) return false;
-    return true;
-  }
-  // Lower-casing may change lengths, and may turn a letter that is not
-  // ASCII into one that is (KELVIN SIGN into "k"): compare the keys.
-  return lowerName(a) == lowerName(b);
+  return platform::isAscii(name) ? fnv(name, true) : fnv(lowerName(name), false);
 }
 
 size_t QSFSChildMap::probe(std::string_view name, uint64_t hash, bool* found) const {
@@ -54,7 +34,7 @@ size_t QSFSChildMap::probe(std::string_view name, uint64_t hash, bool* found) co
       *found = false;
       return i;
     }
-    if ((slot >> 32) == tag && sameKey(entries_[(slot & 0xffffffffu) - 1]->fileNameView(), name)) {
+    if ((slot >> 32) == tag && platform::equalIgnoringCase(entries_[(slot & 0xffffffffu) - 1]->fileNameView(), name)) {
       *found = true;
       return i;
     }

@@ -38,8 +38,6 @@ class QSFSChildMap {
  private:
   // The hash of a name's lower-cased key.
   static uint64_t hashOf(std::string_view name);
-  // Whether two names have the same lower-cased key.
-  static bool sameKey(std::string_view a, std::string_view b);
   // Index slot of the name (with its hash): where it is, or where it would go.
   size_t probe(std::string_view name, uint64_t hash, bool* found) const;
   void rebuild(size_t capacity);

@@ -1,16 +1,9 @@
 #include "Engine/files/QSFSNodeStack.h"
 
-#include <strings.h>
-
 #include "Engine/records/QSCategoryIdentifiers.h"
 #include "platform/UnicodeText.h"
 
-bool QSNameIs(std::string_view name, const char* literal) {
-  for (unsigned char c : name) {
-    if (c >= 0x80) return platform::lowercase(std::string(name)) == platform::lowercase(literal);
-  }
-  return name.size() == std::char_traits<char>::length(literal) && ::strncasecmp(name.data(), literal, name.size()) == 0;
-}
+bool QSNameIs(std::string_view name, const char* literal) { return platform::equalIgnoringCase(name, literal); }
 
 std::set<std::string> QSCategoriesOfMask(QSCategoryMask mask) {
   std::set<std::string> out;

@@ -31,6 +31,25 @@ bool setStoredDate(const std::string& path, const std::string& value) {
   return ::setxattr(path.c_str(), "user.com.qsc.creation-date", value.data(), value.size(), 0) == 0;
 }
 
+// A backup folder "U" with one copy whose stored date is 978307260.5, and
+// the name of its kept cache file beside it.
+struct OneStoredCopy {
+  skerrow_test::TempDir dir;
+  std::string backup = dir.mkdir("U");
+  std::string copy = dir.write("U/a@0.txt", "a");
+  bool stored = setStoredDate(copy, "978307260.500000000");
+  std::string file = dir / "creationdates-U.cache";
+
+  // A cache of the folder, renewed by a walk and kept in its file.
+  std::shared_ptr<QSCreationDateCache> walkedAndKept() const {
+    auto cache = std::make_shared<QSCreationDateCache>(backup, file);
+    cache->setRecentChangeMargin(-3600);
+    skerrow_test::destinationWalkCalls(backup, cache);
+    cache->keep();
+    return cache;
+  }
+};
+
 
 }  // namespace
 
@@ -116,17 +135,10 @@ TEST(QSCreationDateCacheTest, AWalkWithTheCacheReportsWhatAWalkWithoutItDoesAndS
 }
 
 TEST(QSCreationDateCacheTest, ACacheKeptInItsFileIsReadBackByTheNextRunForTheSameFolderOnly) {
-  skerrow_test::TempDir dir;
-  const std::string backup = dir.mkdir("U");
-  const std::string copy = dir.write("U/a@0.txt", "a");
-  if (!setStoredDate(copy, "978307260.500000000")) GTEST_SKIP() << "this file system keeps no user extended attributes";
-  const std::string file = dir / "creationdates-U.cache";
-  {
-    auto cache = std::make_shared<QSCreationDateCache>(backup, file);
-    cache->setRecentChangeMargin(-3600);
-    skerrow_test::destinationWalkCalls(backup, cache);
-    cache->keep();
-  }
+  OneStoredCopy folder;
+  if (!folder.stored) GTEST_SKIP() << "this file system keeps no user extended attributes";
+  auto& [dir, backup, copy, stored, file] = folder;
+  folder.walkedAndKept();
   // The next run of the engine knows the copy without reading it.
   QSCreationDateCache next(backup, file);
   ASSERT_EQ(next.count(), 1u);
@@ -158,15 +170,10 @@ TEST(QSCreationDateCacheTest, ACacheKeptInItsFileIsReadBackByTheNextRunForTheSam
 }
 
 TEST(QSCreationDateCacheTest, BetweenWalksTheEntriesLiveInTheKeptFileAndTheNextWalkReadsThemBack) {
-  skerrow_test::TempDir dir;
-  const std::string backup = dir.mkdir("U");
-  const std::string copy = dir.write("U/a@0.txt", "a");
-  if (!setStoredDate(copy, "978307260.500000000")) GTEST_SKIP() << "this file system keeps no user extended attributes";
-  const std::string file = dir / "creationdates-U.cache";
-  auto cache = std::make_shared<QSCreationDateCache>(backup, file);
-  cache->setRecentChangeMargin(-3600);
-  skerrow_test::destinationWalkCalls(backup, cache);
-  cache->keep();
+  OneStoredCopy folder;
+  if (!folder.stored) GTEST_SKIP() << "this file system keeps no user extended attributes";
+  auto& [dir, backup, copy, stored, file] = folder;
+  const auto cache = folder.walkedAndKept();
   ASSERT_TRUE(std::filesystem::exists(file));
   EXPECT_EQ(cache->count(), 1u);
   platform::FileAttributes examined;

@@ -20,3 +20,16 @@ TEST(UnicodeTextTest, InvalidUTF8KeepsItsBytesSoDifferentNamesStayDifferent) {
   EXPECT_EQ(platform::lowercase(std::string("A\xff")), std::string("a\xff"));
   EXPECT_NE(platform::lowercase(std::string("a\xff")), platform::lowercase(std::string("a\xfe")));
 }
+
+TEST(UnicodeTextTest, EqualIgnoringCaseComparesTheLowerCasedTexts) {
+  EXPECT_TRUE(platform::equalIgnoringCase("Documents", "dOCUMENTS"));
+  EXPECT_FALSE(platform::equalIgnoringCase("Documents", "Document"));
+  EXPECT_FALSE(platform::equalIgnoringCase("a-b", "a_b"));
+  EXPECT_TRUE(platform::equalIgnoringCase("", ""));
+  EXPECT_TRUE(platform::equalIgnoringCase("\u00C9T\u00C9", "\u00E9t\u00E9"));  // ÉTÉ, été
+  EXPECT_TRUE(platform::equalIgnoringCase("\u212A", "k"));  // KELVIN SIGN: only one side is ASCII
+  EXPECT_TRUE(platform::equalIgnoringCase("A\xff", "a\xff"));  // not UTF-8: ASCII letters fold
+  EXPECT_FALSE(platform::equalIgnoringCase("a\xff", "a\xfe"));
+  EXPECT_TRUE(platform::isAscii("plain.txt"));
+  EXPECT_FALSE(platform::isAscii("\u00e9"));
+}
