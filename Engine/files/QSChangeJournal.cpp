@@ -1,0 +1,122 @@
+#include "Engine/files/QSChangeJournal.h"
+
+namespace {
+
+bool isAtOrBelow(const std::string& path, const std::string& top) {
+  if (path.size() < top.size() || path.compare(0, top.size(), top) != 0) return false;
+  return path.size() == top.size() || path[top.size()] == '/' || (!top.empty() && top.back() == '/');
+}
+
+std::string folderOf(const std::string& path) {
+  const auto slash = path.find_last_of('/');
+  if (slash == std::string::npos) return std::string();
+  return slash == 0 ? std::string("/") : path.substr(0, slash);
+}
+
+}  // namespace
+
+QSChangeJournal& QSChangeJournal::shared() {
+  // Never freed: the watcher's thread may note changes until the process ends.
+  static QSChangeJournal& journal = *new QSChangeJournal();
+  return journal;
+}
+
+void QSChangeJournal::follow(const std::string& root, const std::optional<std::string>& resolvedRoot) {
+  std::lock_guard<std::mutex> lock(lock_);
+  auto [it, added] = roots_.try_emplace(root);
+  if (added) it->second.followedAt = ++clock_;
+  if (resolvedRoot && *resolvedRoot != root) it->second.resolved = *resolvedRoot;
+}
+
+void QSChangeJournal::unfollow(const std::string& root) {
+  std::lock_guard<std::mutex> lock(lock_);
+  roots_.erase(root);
+}
+
+bool QSChangeJournal::isFollowing(const std::string& root) const {
+  std::lock_guard<std::mutex> lock(lock_);
+  return roots_.count(root) != 0;
+}
+
+bool QSChangeJournal::place(const std::string& path, std::string* placed) const {
+  for (const auto& [root, state] : roots_) {
+    if (isAtOrBelow(path, root)) {
+      *placed = path;
+      return true;
+    }
+    if (!state.resolved.empty() && isAtOrBelow(path, state.resolved)) {
+      *placed = root + path.substr(state.resolved.size());
+      return true;
+    }
+  }
+  return false;
+}
+
+void QSChangeJournal::stamp(std::unordered_map<std::string, Mark>& into, const std::string& path) {
+  into[path] = clock_;
+}
+
+void QSChangeJournal::forgetIfFull() {
+  if (folders_.size() + subtrees_.size() <= capacity_) return;
+  folders_.clear();
+  subtrees_.clear();
+  forgottenAt_ = clock_;
+}
+
+void QSChangeJournal::noteContentChange(const std::string& path) {
+  std::lock_guard<std::mutex> lock(lock_);
+  std::string placed;
+  if (!place(path, &placed)) return;
+  ++clock_;
+  stamp(folders_, folderOf(placed));
+  forgetIfFull();
+}
+
+void QSChangeJournal::noteStructuralChange(const std::string& path) {
+  std::lock_guard<std::mutex> lock(lock_);
+  std::string placed;
+  if (!place(path, &placed)) return;
+  ++clock_;
+  const std::string folder = folderOf(placed);
+  stamp(folders_, folder);
+  stamp(folders_, folderOf(folder));
+  stamp(subtrees_, placed);
+  forgetIfFull();
+}
+
+void QSChangeJournal::noteDoubt() {
+  std::lock_guard<std::mutex> lock(lock_);
+  ++clock_;
+  for (auto& [root, state] : roots_) state.doubtAt = clock_;
+}
+
+void QSChangeJournal::noteDoubtAbout(const std::string& root) {
+  std::lock_guard<std::mutex> lock(lock_);
+  ++clock_;
+  for (auto& [followed, state] : roots_)
+    if (isAtOrBelow(followed, root) || isAtOrBelow(root, followed)) state.doubtAt = clock_;
+}
+
+QSChangeJournal::Mark QSChangeJournal::now() const {
+  std::lock_guard<std::mutex> lock(lock_);
+  return clock_;
+}
+
+std::optional<QSChangedFolders> QSChangeJournal::changesSince(const std::string& root, Mark mark) const {
+  std::lock_guard<std::mutex> lock(lock_);
+  const auto it = roots_.find(root);
+  if (it == roots_.end() || it->second.followedAt > mark || it->second.doubtAt > mark || forgottenAt_ > mark)
+    return std::nullopt;
+  // A root followed inside another one shares its changes: both are asked by their own names.
+  QSChangedFolders changes;
+  for (const auto& [path, when] : folders_)
+    if (when > mark && isAtOrBelow(path, root)) changes.addFolder(path);
+  for (const auto& [path, when] : subtrees_)
+    if (when > mark && (isAtOrBelow(path, root) || isAtOrBelow(root, path))) changes.addSubtree(path);
+  return changes;
+}
+
+size_t QSChangeJournal::size() const {
+  std::lock_guard<std::mutex> lock(lock_);
+  return folders_.size() + subtrees_.size();
+}

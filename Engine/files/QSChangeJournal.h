@@ -1,0 +1,98 @@
+// Which folders changed, and since when: the record that lets a walk take
+// a folder's listing from what an earlier walk read (QSWalkMemo) instead of
+// reading it again.
+//
+// The journal follows roots (home folders, backup folders).  Changes are
+// noted by path as they happen — by the file-system watcher for everybody
+// else's changes, by the engine itself for its own writes to backup
+// folders, which the watcher does not report.  Each note moves the
+// journal's clock; `now()` reads it.  A walk that reads the clock before it
+// starts can later ask `changesSince(root, mark)` for every folder whose
+// listing (its entries' names and attributes) may differ from what it read.
+//
+// What a change makes stale, for a change at path P:
+//  - a change of an item's content or attributes: the listing of P's folder;
+//  - a creation, a deletion, or either side of a rename: the listings of
+//    P's folder and of that folder's folder (whose entry for it changed its
+//    times), and everything at or below P (a folder put in the place of
+//    another has nothing in common with it).
+//
+// The answer is "cannot tell" (nothing: walk everything) when the root was
+// not followed from before the mark on, when doubt was cast on it since (a
+// notice of lost events, the watcher stopping, a disk going away), or when
+// the journal had to forget changes because it held too many.
+//
+// Paths are compared as given, so a root must be named as the walks name it;
+// `follow` also takes the root's path with symbolic links resolved, so that
+// changes reported under that path are taken as changes under the root.
+//
+// Thread-safe; no call out while holding its lock.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "Engine/files/QSChangedFolders.h"
+
+class QSChangeJournal {
+ public:
+  using Mark = uint64_t;
+  // Changes kept before the journal forgets them all and casts doubt on every root.
+  static constexpr size_t kDefaultCapacity = 100000;
+
+  explicit QSChangeJournal(size_t capacity = kDefaultCapacity) : capacity_(capacity) {}
+
+  // The engine's one journal.
+  static QSChangeJournal& shared();
+
+  // Changes at and below `root` are noted from now on.  `resolvedRoot`, when
+  // given and different, is the same folder with links resolved: changes
+  // noted under it count as changes under `root`.  Following a root again
+  // does not cast doubt.
+  void follow(const std::string& root, const std::optional<std::string>& resolvedRoot = std::nullopt);
+  // Nothing more is known about `root` (its disk went away): any question
+  // about it, for any mark, answers "cannot tell" until it is followed again.
+  void unfollow(const std::string& root);
+  bool isFollowing(const std::string& root) const;
+
+  // A change of an item's content or attributes at `path`.
+  void noteContentChange(const std::string& path);
+  // A creation or deletion at `path`, or one side of a rename.
+  void noteStructuralChange(const std::string& path);
+  // Every root is in doubt from now on.
+  void noteDoubt();
+  // `root` (and everything below it) is in doubt from now on.
+  void noteDoubtAbout(const std::string& root);
+
+  Mark now() const;
+
+  // The listings changed below `root` since `mark`; nothing when that cannot be told.
+  std::optional<QSChangedFolders> changesSince(const std::string& root, Mark mark) const;
+
+  // Changes noted and not yet forgotten (tests, the engine's log).
+  size_t size() const;
+
+ private:
+  struct Root {
+    Mark followedAt = 0;
+    Mark doubtAt = 0;
+    std::string resolved;
+  };
+  // The root `path` lies at or below, and `path` in that root's naming; false when none.
+  bool place(const std::string& path, std::string* placed) const;
+  void stamp(std::unordered_map<std::string, Mark>& into, const std::string& path);
+  void forgetIfFull();
+
+  const size_t capacity_;
+  mutable std::mutex lock_;
+  Mark clock_ = 1;
+  Mark forgottenAt_ = 0;
+  std::map<std::string, Root> roots_;
+  std::unordered_map<std::string, Mark> folders_;   // listing changed
+  std::unordered_map<std::string, Mark> subtrees_;  // everything at and below changed
+};

@@ -1,0 +1,86 @@
+// What one walk read of each folder it listed: the names of the folder's
+// entries, in the order they were read, with the attributes the walk used
+// for each.  A later walk of the same place may take a folder's listing
+// from here instead of the disk when the change journal says nothing in it
+// changed since this walk began (its `mark`).
+//
+// Kept compactly (about 40 bytes and the name per entry): of the attributes,
+// the type, the logical size, the modification and creation times and the
+// creation time's source are kept — all that the walks' receivers use;
+// the others read back as 0.
+//
+// Filled by one walk on one thread; read (any number of times, from any
+// thread) once filled.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/FileAttributes.h"
+
+class QSWalkMemo {
+ public:
+  struct Item {
+    std::string name;
+    platform::FileAttributes attributes;
+  };
+
+  class Listing {
+   public:
+    size_t size() const { return count_; }
+    std::string_view nameAt(size_t i) const;
+    platform::FileAttributes attributesAt(size_t i) const;
+
+   private:
+    friend class QSWalkMemo;
+    Listing(const QSWalkMemo* memo, uint32_t first, uint32_t count) : memo_(memo), first_(first), count_(count) {}
+    const QSWalkMemo* memo_;
+    uint32_t first_;
+    uint32_t count_;
+  };
+
+  // Records the listing of the folder at `folder` (the folder's path, as
+  // the walk names it).  A folder listed twice keeps its second listing.
+  void addListing(const std::string& folder, const std::vector<Item>& items);
+  // The listing of the folder at `folder`; nothing when it was not listed.
+  std::optional<Listing> listingOf(const std::string& folder) const;
+
+  // The change journal's clock when the walk that filled it began.
+  uint64_t mark() const { return mark_; }
+  void setMark(uint64_t mark) { mark_ = mark; }
+
+  size_t folderCount() const { return folders_.size(); }
+  size_t itemCount() const { return entries_.size(); }
+  // Bytes held, about.
+  size_t byteCount() const;
+  // Gives back the room made ahead and not used.
+  void shrinkToFit();
+
+ private:
+  struct Entry {
+    uint32_t nameOffset;
+    uint16_t nameLength;
+    platform::FileAttributes::Type type;
+    platform::FileAttributes::CreationSource creationSource;
+    uint32_t modificationNanoseconds;
+    uint32_t creationNanoseconds;
+    int64_t modificationSeconds;
+    int64_t creationSeconds;
+    uint64_t size;
+  };
+  static_assert(sizeof(Entry) == 40);
+  struct Range {
+    uint32_t first;
+    uint32_t count;
+  };
+
+  std::vector<Entry> entries_;
+  std::string names_;
+  std::unordered_map<std::string, Range> folders_;
+  uint64_t mark_ = 0;
+};

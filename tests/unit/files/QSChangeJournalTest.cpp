@@ -1,0 +1,162 @@
+#include "Engine/files/QSChangeJournal.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+QSChangedFolders changesSince(const QSChangeJournal& journal, const std::string& root, QSChangeJournal::Mark mark) {
+  auto changes = journal.changesSince(root, mark);
+  EXPECT_TRUE(changes.has_value());
+  return changes.value_or(QSChangedFolders());
+}
+
+}  // namespace
+
+TEST(QSChangeJournalTest, AContentChangeMarksOnlyTheListingOfTheItemsFolder) {
+  QSChangeJournal journal;
+  journal.follow("/home/ann");
+  const auto mark = journal.now();
+  journal.noteContentChange("/home/ann/Documents/report.txt");
+  const auto changes = changesSince(journal, "/home/ann", mark);
+  EXPECT_TRUE(changes.listingChanged("/home/ann/Documents"));
+  EXPECT_FALSE(changes.listingChanged("/home/ann"));
+  EXPECT_FALSE(changes.listingChanged("/home/ann/Documents/Drafts"));
+  EXPECT_FALSE(changes.listingChanged("/home/ann/Pictures"));
+}
+
+TEST(QSChangeJournalTest, ACreationMarksTheFolderItsFolderAndEverythingBelowTheNewItem) {
+  QSChangeJournal journal;
+  journal.follow("/home/ann");
+  const auto mark = journal.now();
+  journal.noteStructuralChange("/home/ann/Documents/Old/Inner");
+  const auto changes = changesSince(journal, "/home/ann", mark);
+  EXPECT_TRUE(changes.listingChanged("/home/ann/Documents/Old"));
+  EXPECT_TRUE(changes.listingChanged("/home/ann/Documents"));
+  EXPECT_TRUE(changes.listingChanged("/home/ann/Documents/Old/Inner"));
+  EXPECT_TRUE(changes.listingChanged("/home/ann/Documents/Old/Inner/deeper/still"));
+  EXPECT_FALSE(changes.listingChanged("/home/ann"));
+  EXPECT_FALSE(changes.listingChanged("/home/ann/Documents/Old/Inner2"));
+  EXPECT_FALSE(changes.listingChanged("/home/ann/Documents/Old/Inne"));
+}
+
+TEST(QSChangeJournalTest, ARenameMarksBothSides) {
+  QSChangeJournal journal;
+  journal.follow("/home/ann");
+  const auto mark = journal.now();
+  journal.noteStructuralChange("/home/ann/a/x");
+  journal.noteStructuralChange("/home/ann/b/c/x");
+  const auto changes = changesSince(journal, "/home/ann", mark);
+  for (const char* path : {"/home/ann/a", "/home/ann", "/home/ann/a/x/y", "/home/ann/b/c", "/home/ann/b",
+                           "/home/ann/b/c/x", "/home/ann/b/c/x/y"})
+    EXPECT_TRUE(changes.listingChanged(path)) << path;
+  EXPECT_FALSE(changes.listingChanged("/home/ann/b/d"));
+}
+
+TEST(QSChangeJournalTest, ChangesNotedBeforeTheMarkAreNotAnswered) {
+  QSChangeJournal journal;
+  journal.follow("/home/ann");
+  journal.noteContentChange("/home/ann/Documents/report.txt");
+  const auto mark = journal.now();
+  journal.noteContentChange("/home/ann/Pictures/p.jpg");
+  const auto changes = changesSince(journal, "/home/ann", mark);
+  EXPECT_FALSE(changes.listingChanged("/home/ann/Documents"));
+  EXPECT_TRUE(changes.listingChanged("/home/ann/Pictures"));
+  EXPECT_EQ(changes.folderCount(), 1u);
+  EXPECT_TRUE(changesSince(journal, "/home/ann", journal.now()).empty());
+}
+
+TEST(QSChangeJournalTest, OnlyTheAskedRootsChangesAreAnswered) {
+  QSChangeJournal journal;
+  journal.follow("/home/ann");
+  journal.follow("/home/bob");
+  const auto mark = journal.now();
+  journal.noteContentChange("/home/bob/notes.txt");
+  EXPECT_TRUE(changesSince(journal, "/home/ann", mark).empty());
+  EXPECT_TRUE(changesSince(journal, "/home/bob", mark).listingChanged("/home/bob"));
+}
+
+TEST(QSChangeJournalTest, ChangesOutsideEveryRootAreIgnored) {
+  QSChangeJournal journal;
+  journal.follow("/home/ann");
+  journal.noteContentChange("/home/annie/notes.txt");
+  journal.noteStructuralChange("/tmp/x");
+  EXPECT_EQ(journal.size(), 0u);
+}
+
+TEST(QSChangeJournalTest, ARootFollowedAfterTheMarkCannotTell) {
+  QSChangeJournal journal;
+  const auto mark = journal.now();
+  journal.follow("/home/ann");
+  EXPECT_FALSE(journal.changesSince("/home/ann", mark).has_value());
+  EXPECT_FALSE(journal.changesSince("/home/bob", mark).has_value());
+  EXPECT_TRUE(journal.changesSince("/home/ann", journal.now()).has_value());
+}
+
+TEST(QSChangeJournalTest, FollowingARootAgainCastsNoDoubt) {
+  QSChangeJournal journal;
+  journal.follow("/home/ann");
+  const auto mark = journal.now();
+  journal.follow("/home/ann");
+  EXPECT_TRUE(journal.changesSince("/home/ann", mark).has_value());
+}
+
+TEST(QSChangeJournalTest, DoubtCastAfterTheMarkCannotTell) {
+  QSChangeJournal journal;
+  journal.follow("/home/ann");
+  journal.follow("/media/disk/Backups");
+  const auto mark = journal.now();
+  journal.noteDoubtAbout("/media/disk/Backups");
+  EXPECT_TRUE(journal.changesSince("/home/ann", mark).has_value());
+  EXPECT_FALSE(journal.changesSince("/media/disk/Backups", mark).has_value());
+  const auto later = journal.now();
+  EXPECT_TRUE(journal.changesSince("/media/disk/Backups", later).has_value());
+  journal.noteDoubt();
+  EXPECT_FALSE(journal.changesSince("/home/ann", later).has_value());
+  EXPECT_FALSE(journal.changesSince("/media/disk/Backups", later).has_value());
+}
+
+TEST(QSChangeJournalTest, AnUnfollowedRootCannotTellForAnyMark) {
+  QSChangeJournal journal;
+  journal.follow("/media/disk/Backups");
+  const auto mark = journal.now();
+  journal.unfollow("/media/disk/Backups");
+  EXPECT_FALSE(journal.isFollowing("/media/disk/Backups"));
+  EXPECT_FALSE(journal.changesSince("/media/disk/Backups", mark).has_value());
+  journal.follow("/media/disk/Backups");
+  EXPECT_FALSE(journal.changesSince("/media/disk/Backups", mark).has_value());
+}
+
+TEST(QSChangeJournalTest, PastItsCapacityTheJournalForgetsAndCannotTell) {
+  QSChangeJournal journal(10);
+  journal.follow("/home/ann");
+  const auto mark = journal.now();
+  for (int i = 0; i < 11; ++i) journal.noteContentChange("/home/ann/d" + std::to_string(i) + "/f");
+  EXPECT_EQ(journal.size(), 0u);
+  EXPECT_FALSE(journal.changesSince("/home/ann", mark).has_value());
+  const auto later = journal.now();
+  journal.noteContentChange("/home/ann/d1/f");
+  EXPECT_TRUE(changesSince(journal, "/home/ann", later).listingChanged("/home/ann/d1"));
+}
+
+TEST(QSChangeJournalTest, ChangesUnderTheResolvedPathCountUnderTheRoot) {
+  QSChangeJournal journal;
+  journal.follow("/home/ann", std::string("/data/home/ann"));
+  const auto mark = journal.now();
+  journal.noteContentChange("/data/home/ann/Documents/report.txt");
+  journal.noteStructuralChange("/data/home/ann/Pictures/new.jpg");
+  const auto changes = changesSince(journal, "/home/ann", mark);
+  EXPECT_TRUE(changes.listingChanged("/home/ann/Documents"));
+  EXPECT_TRUE(changes.listingChanged("/home/ann/Pictures"));
+  EXPECT_TRUE(changes.listingChanged("/home/ann"));
+  EXPECT_FALSE(changes.listingChanged("/data/home/ann/Documents"));
+}
+
+TEST(QSChangeJournalTest, TheRootItselfGoingAwayMarksEverythingBelowIt) {
+  QSChangeJournal journal;
+  journal.follow("/media/disk/Backups/1000");
+  const auto mark = journal.now();
+  journal.noteStructuralChange("/media/disk/Backups/1000");
+  const auto changes = changesSince(journal, "/media/disk/Backups/1000", mark);
+  EXPECT_TRUE(changes.listingChanged("/media/disk/Backups/1000"));
+  EXPECT_TRUE(changes.listingChanged("/media/disk/Backups/1000/Documents"));
+}

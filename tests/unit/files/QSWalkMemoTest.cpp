@@ -1,0 +1,74 @@
+#include "Engine/files/QSWalkMemo.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+platform::FileAttributes fileOf(uint64_t size, int64_t modified, int64_t created) {
+  platform::FileAttributes a;
+  a.type = platform::FileAttributes::Type::Regular;
+  a.size = size;
+  a.modificationTime = {modified, 123456789};
+  a.creationTime = {created, 5};
+  a.creationSource = platform::FileAttributes::CreationSource::StoredAttribute;
+  a.inode = 77;
+  a.mode = 0100644;
+  return a;
+}
+
+}  // namespace
+
+TEST(QSWalkMemoTest, KeepsEachFoldersNamesInOrderWithTheAttributesTheWalksUse) {
+  QSWalkMemo memo;
+  platform::FileAttributes folder;
+  folder.type = platform::FileAttributes::Type::Directory;
+  folder.modificationTime = {-5, 1};
+  memo.addListing("/home/ann", {{"b.txt", fileOf(3, 1700000000, 1600000000)}, {"Documents", folder}});
+  memo.addListing("/home/ann/Documents", {});
+  const auto top = memo.listingOf("/home/ann");
+  ASSERT_TRUE(top.has_value());
+  ASSERT_EQ(top->size(), 2u);
+  EXPECT_EQ(top->nameAt(0), "b.txt");
+  EXPECT_EQ(top->nameAt(1), "Documents");
+  const auto a = top->attributesAt(0);
+  EXPECT_EQ(a.type, platform::FileAttributes::Type::Regular);
+  EXPECT_EQ(a.size, 3u);
+  EXPECT_EQ(a.modificationTime, (platform::FileTime{1700000000, 123456789}));
+  EXPECT_EQ(a.creationTime, (platform::FileTime{1600000000, 5}));
+  EXPECT_EQ(a.creationSource, platform::FileAttributes::CreationSource::StoredAttribute);
+  // Not kept: read back as 0.
+  EXPECT_EQ(a.inode, 0u);
+  EXPECT_EQ(a.mode, 0u);
+  EXPECT_TRUE(top->attributesAt(1).isDirectory());
+  EXPECT_EQ(top->attributesAt(1).modificationTime, (platform::FileTime{-5, 1}));
+  const auto empty = memo.listingOf("/home/ann/Documents");
+  ASSERT_TRUE(empty.has_value());
+  EXPECT_EQ(empty->size(), 0u);
+  EXPECT_EQ(memo.folderCount(), 2u);
+  EXPECT_EQ(memo.itemCount(), 2u);
+}
+
+TEST(QSWalkMemoTest, AFolderNeverListedHasNoListing) {
+  QSWalkMemo memo;
+  memo.addListing("/home/ann", {{"a", fileOf(1, 1, 1)}});
+  EXPECT_FALSE(memo.listingOf("/home/ann/a").has_value());
+  EXPECT_FALSE(memo.listingOf("/home/an").has_value());
+}
+
+TEST(QSWalkMemoTest, AFolderListedAgainKeepsItsLastListing) {
+  QSWalkMemo memo;
+  memo.addListing("/x", {{"old", fileOf(1, 1, 1)}});
+  memo.addListing("/x", {{"new", fileOf(2, 2, 2)}, {"newer", fileOf(3, 3, 3)}});
+  const auto listing = memo.listingOf("/x");
+  ASSERT_TRUE(listing.has_value());
+  ASSERT_EQ(listing->size(), 2u);
+  EXPECT_EQ(listing->nameAt(0), "new");
+  EXPECT_EQ(listing->attributesAt(1).size, 3u);
+}
+
+TEST(QSWalkMemoTest, TheMarkIsTheOnesGiven) {
+  QSWalkMemo memo;
+  EXPECT_EQ(memo.mark(), 0u);
+  memo.setMark(42);
+  EXPECT_EQ(memo.mark(), 42u);
+}
