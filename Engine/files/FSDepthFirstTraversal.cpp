@@ -6,11 +6,25 @@ void FSDepthFirstTraversal::kickOffRecursionWithPath_visitor(const std::string& 
   currentThread_ = platform::OVThread::currentThread();
   visitor_ = &visitor;
   wasStopped_ = false;
+  foldersRead_ = 0;
+  foldersReused_ = 0;
   visitor.startTraversalOfPath(path);
-  _recurse(nullptr, std::string(), path);
+  _recurse(path);
   visitor.finishTraversalOfPath(path);
   visitor_ = nullptr;
   currentThread_.reset();
+}
+
+void FSDepthFirstTraversal::setMemos(std::shared_ptr<const QSWalkMemo> earlier,
+                                     std::shared_ptr<const QSChangedFolders> changed,
+                                     std::shared_ptr<QSWalkMemo> next) {
+  if (!earlier || !changed) {
+    earlier.reset();
+    changed.reset();
+  }
+  earlier_ = std::move(earlier);
+  changed_ = std::move(changed);
+  next_ = std::move(next);
 }
 
 bool FSDepthFirstTraversal::shouldStop() const {
@@ -20,16 +34,35 @@ bool FSDepthFirstTraversal::shouldStop() const {
   return stop;
 }
 
-bool FSDepthFirstTraversal::attributesOf(platform::Directory* parent, const std::string& name, const std::string& path,
-                                         platform::FileAttributes* attributes, bool preferStoredCreationDate) {
-  if (parent) return parent->attributesOf(name, attributes, preferStoredCreationDate);
+bool FSDepthFirstTraversal::topAttributes(const std::string& path, platform::FileAttributes* attributes,
+                                          bool preferStoredCreationDate) {
   return platform::FileManager::attributesAtPath(path, attributes, preferStoredCreationDate);
 }
 
-std::unique_ptr<platform::Directory> FSDepthFirstTraversal::openFolder(platform::Directory* parent,
-                                                                       const std::string& name,
-                                                                       const std::string& path) {
-  return parent ? parent->openChild(name) : platform::Directory::open(path);
+platform::Directory* FSDepthFirstTraversal::Folder::open() {
+  if (!tried_) {
+    tried_ = true;
+    if (!parent_) {
+      directory_ = platform::Directory::open(path_);
+    } else if (platform::Directory* parent = parent_->open()) {
+      directory_ = parent->openChild(name_);
+    }
+  }
+  return directory_.get();
+}
+
+bool FSDepthFirstTraversal::takeListing(const std::string& path, std::vector<QSWalkMemo::Item>* items) {
+  if (!earlier_ || changed_->listingChanged(path)) return false;
+  const auto listing = earlier_->listingOf(path);
+  if (!listing) return false;
+  items->reserve(listing->size());
+  for (size_t i = 0; i < listing->size(); ++i)
+    items->push_back({std::string(listing->nameAt(i)), listing->attributesAt(i)});
+  return true;
+}
+
+void FSDepthFirstTraversal::record(const std::string& path, const std::vector<QSWalkMemo::Item>& items) {
+  if (next_) next_->addListing(path, items);
 }
 
 std::string FSDepthFirstTraversal::join(const std::string& folder, const std::string& name) {

@@ -5,13 +5,26 @@
 // are examined and folders opened relative to their parent folder's
 // descriptor, without following a final link.  Unreadable items are skipped
 // silently; a folder that cannot be listed counts as empty.
+//
+// A walk reads each folder's listing whole — every entry's name and
+// attributes — before it visits the entries in the order they were read.
+// Given memos (setMemos), it records each listing it uses in the new memo
+// and takes a folder's listing from the earlier memo, without reading the
+// folder, when the earlier walk listed it and the folder is not among those
+// changed since; the folder is then opened only if an entry below it must
+// be read.  The walk's top item is always examined on the disk.
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "Engine/files/FSVisitor.h"
+#include "Engine/files/QSChangedFolders.h"
+#include "Engine/files/QSWalkMemo.h"
 #include "platform/Directory.h"
 #include "platform/OVThread.h"
 
@@ -25,23 +38,78 @@ class FSDepthFirstTraversal {
   // startTraversalOfPath, the walk of `path`, finishTraversalOfPath.
   void kickOffRecursionWithPath_visitor(const std::string& path, FSVisitor& visitor);
 
- protected:
-  // Walks the item `name` of `parent` (the walk's top item when `parent` is null) at `path`.
-  virtual void _recurse(platform::Directory* parent, const std::string& name, const std::string& path) = 0;
-  bool shouldStop() const;
+  // The memo this walk fills (`next`, may be null) and the one it may take
+  // listings from (`earlier`, with the folders changed since it began; both
+  // or neither).  Kept for the walks that follow until changed.
+  void setMemos(std::shared_ptr<const QSWalkMemo> earlier, std::shared_ptr<const QSChangedFolders> changed,
+                std::shared_ptr<QSWalkMemo> next);
+  // Folders of the last walk whose listing was read from the disk, and taken from the earlier memo.
+  size_t foldersRead() const { return foldersRead_; }
+  size_t foldersReused() const { return foldersReused_; }
   // Whether the last walk was stopped before its end (shouldStop answered true).
   bool wasStopped() const { return wasStopped_; }
-  // The attributes of the item (not followed).
-  static bool attributesOf(platform::Directory* parent, const std::string& name, const std::string& path,
-                           platform::FileAttributes* attributes, bool preferStoredCreationDate);
-  static std::unique_ptr<platform::Directory> openFolder(platform::Directory* parent, const std::string& name,
-                                                         const std::string& path);
+
+ protected:
+  // A folder of the walk, opened when first needed: relative to its
+  // parent's descriptor (the parent opened in turn if need be), or by its
+  // path for the walk's top item.
+  class Folder {
+   public:
+    Folder(Folder* parent, std::string name, std::string path)
+        : parent_(parent), name_(std::move(name)), path_(std::move(path)) {}
+    // Nothing when the folder cannot be opened (tried once).
+    platform::Directory* open();
+    const std::string& path() const { return path_; }
+
+   private:
+    Folder* parent_;
+    std::string name_;
+    std::string path_;
+    std::unique_ptr<platform::Directory> directory_;
+    bool tried_ = false;
+  };
+
+  // Walks the walk's top item at `path`.
+  virtual void _recurse(const std::string& path) = 0;
+  bool shouldStop() const;
+  // The attributes of the walk's top item (not followed).
+  static bool topAttributes(const std::string& path, platform::FileAttributes* attributes, bool preferStoredCreationDate);
+  // The listing of `folder`: from the earlier memo when it may stand,
+  // otherwise read with `read` (which fills the items from the open folder);
+  // recorded in the new memo either way.  False when it cannot be read.
+  template <typename Read>
+  bool listing(Folder& folder, std::vector<QSWalkMemo::Item>* items, Read read);
   static std::string join(const std::string& folder, const std::string& name);
 
   FSVisitor* visitor_ = nullptr;
 
  private:
+  bool takeListing(const std::string& path, std::vector<QSWalkMemo::Item>* items);
+  void record(const std::string& path, const std::vector<QSWalkMemo::Item>& items);
+
   std::shared_ptr<platform::OVThread> currentThread_;
   mutable bool wasStopped_ = false;
   const std::atomic<bool>* isCancelled_;
+  std::shared_ptr<const QSWalkMemo> earlier_;
+  std::shared_ptr<const QSChangedFolders> changed_;
+  std::shared_ptr<QSWalkMemo> next_;
+  size_t foldersRead_ = 0;
+  size_t foldersReused_ = 0;
 };
+
+template <typename Read>
+bool FSDepthFirstTraversal::listing(Folder& folder, std::vector<QSWalkMemo::Item>* items, Read read) {
+  items->clear();
+  if (takeListing(folder.path(), items)) {
+    ++foldersReused_;
+  } else {
+    platform::Directory* directory = folder.open();
+    if (!directory) return false;
+    ++foldersRead_;
+    read(*directory, items);
+    // A listing cut short by a stop is not a listing of the folder.
+    if (shouldStop()) return false;
+  }
+  record(folder.path(), *items);
+  return true;
+}

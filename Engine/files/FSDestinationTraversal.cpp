@@ -11,7 +11,8 @@ void FSDestinationTraversal::recurseAtDestinationPath_withVisitor(const std::str
     cache_->beginWalk(platform::FileTime{static_cast<int64_t>(now), 0});
   }
   kickOffRecursionWithPath_visitor(destinationPath, visitor);
-  if (cache_) cache_->finishWalk(!wasStopped());
+  // A walk that took listings from a memo did not see those folders' copies.
+  if (cache_) cache_->finishWalk(!wasStopped() && foldersReused() == 0);
 }
 
 bool FSDestinationTraversal::copyAttributes(platform::Directory& folder, const std::string& entry,
@@ -25,10 +26,15 @@ bool FSDestinationTraversal::copyAttributes(platform::Directory& folder, const s
   return true;
 }
 
-void FSDestinationTraversal::_recurse(platform::Directory* parent, const std::string& name, const std::string& path) {
+void FSDestinationTraversal::_recurse(const std::string& path) {
   if (shouldStop()) return;
   platform::FileAttributes attributes;
-  if (!attributesOf(parent, name, path, &attributes, true)) return;
+  if (!topAttributes(path, &attributes, true)) return;
+  visit(nullptr, path.substr(path.find_last_of('/') + 1), path, attributes);
+}
+
+void FSDestinationTraversal::visit(Folder* parent, const std::string& name, const std::string& path,
+                                   const platform::FileAttributes& attributes) {
   if (attributes.isRegularFile() || attributes.isSymbolicLink()) {
     visitor_->startVisitAtPath_attributes(path, attributes);
     visitor_->finishVisitAtPath_attributes(path, attributes);
@@ -39,21 +45,30 @@ void FSDestinationTraversal::_recurse(platform::Directory* parent, const std::st
     visitor_->finishVisitAtPath_attributes(path, attributes);
     return;
   }
-  QSCaseInsensitiveMultiMap<std::shared_ptr<QSFSVersion>> groups;
-  if (auto folder = openFolder(parent, name, path)) {
+  Folder folder(parent, name, path);
+  std::vector<QSWalkMemo::Item> items;
+  listing(folder, &items, [this](platform::Directory& directory, std::vector<QSWalkMemo::Item>* read) {
     std::string entry;
-    while (!shouldStop() && folder->readEntry(&entry)) {
+    while (!shouldStop() && directory.readEntry(&entry)) {
       platform::FileAttributes a;
-      if (!copyAttributes(*folder, entry, &a)) continue;
-      if (a.isRegularFile() || a.isSymbolicLink()) {
-        const auto parsed = QSParseFileName(entry);
-        if (!parsed) continue;
-        auto version = QSFSVersion::versionWithFileName_attributes(entry, QSFSFileAttributes::fromStoredCopyAttributes(a));
-        if (!version) continue;
-        groups.addObject_forKey(std::move(version), (*parsed)[0]);
-      } else if (a.isDirectory()) {
-        _recurse(folder.get(), entry, join(path, entry));
-      }
+      if (!copyAttributes(directory, entry, &a)) continue;
+      // A folder is visited with its own stored creation date, as the walk's top item is.
+      if (a.isDirectory() && !directory.attributesOf(entry, &a, true)) continue;
+      read->push_back({entry, a});
+    }
+  });
+  QSCaseInsensitiveMultiMap<std::shared_ptr<QSFSVersion>> groups;
+  for (const auto& item : items) {
+    if (shouldStop()) break;
+    const platform::FileAttributes& a = item.attributes;
+    if (a.isRegularFile() || a.isSymbolicLink()) {
+      const auto parsed = QSParseFileName(item.name);
+      if (!parsed) continue;
+      auto version = QSFSVersion::versionWithFileName_attributes(item.name, QSFSFileAttributes::fromStoredCopyAttributes(a));
+      if (!version) continue;
+      groups.addObject_forKey(std::move(version), (*parsed)[0]);
+    } else if (a.isDirectory()) {
+      visit(&folder, item.name, join(path, item.name), a);
     }
   }
   for (const std::string& key : groups.keyEnumerator()) {

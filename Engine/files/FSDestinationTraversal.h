@@ -7,7 +7,8 @@
 // before the folder's groups are reported.  Copies' creation dates come
 // from the stored creation-date attribute where there is one; given a
 // creation-date cache, a copy the cache knows as it is is not read again,
-// and a walk that ends without being stopped renews the cache.
+// and a walk that ends without being stopped, and read every folder it
+// listed from the disk, renews the cache.
 #pragma once
 
 #include <memory>
@@ -25,9 +26,12 @@ class FSDestinationTraversal : public FSDepthFirstTraversal {
   void setCreationDateCache(std::shared_ptr<QSCreationDateCache> cache) { cache_ = std::move(cache); }
 
  protected:
-  void _recurse(platform::Directory* parent, const std::string& name, const std::string& path) override;
+  void _recurse(const std::string& path) override;
 
  private:
+  // The item `name` of `parent` (none: the walk's top item) at `path`, examined as `attributes`.
+  void visit(Folder* parent, const std::string& name, const std::string& path,
+             const platform::FileAttributes& attributes);
   // The attributes of the copy `entry` of `folder`, with its stored creation date.
   bool copyAttributes(platform::Directory& folder, const std::string& entry, platform::FileAttributes* attributes);
 

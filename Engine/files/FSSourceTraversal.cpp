@@ -22,17 +22,29 @@ bool FSSourceTraversal::_proceedForPath_attrs(const std::string& path, const std
   return !QSBlackList::isPathSuffixBlacklisted(suffix);
 }
 
-void FSSourceTraversal::_recurse(platform::Directory* parent, const std::string& name, const std::string& path) {
+void FSSourceTraversal::_recurse(const std::string& path) {
   if (shouldStop()) return;
   platform::FileAttributes attributes;
-  if (!attributesOf(parent, name, path, &attributes, false)) return;
-  const std::string fileName = parent ? name : path.substr(path.find_last_of('/') + 1);
-  if (!_proceedForPath_attrs(path, fileName, attributes)) return;
+  if (!topAttributes(path, &attributes, false)) return;
+  visit(nullptr, path.substr(path.find_last_of('/') + 1), path, attributes);
+}
+
+void FSSourceTraversal::visit(Folder* parent, const std::string& name, const std::string& path,
+                              const platform::FileAttributes& attributes) {
+  if (!_proceedForPath_attrs(path, name, attributes)) return;
   if (attributes.isDirectory()) {
     if (visitor_->startVisitAtPath_attributes(path, attributes)) {
-      if (auto folder = openFolder(parent, name, path)) {
+      Folder folder(parent, name, path);
+      std::vector<QSWalkMemo::Item> items;
+      listing(folder, &items, [this](platform::Directory& directory, std::vector<QSWalkMemo::Item>* read) {
         std::string entry;
-        while (!shouldStop() && folder->readEntry(&entry)) _recurse(folder.get(), entry, join(path, entry));
+        platform::FileAttributes a;
+        while (!shouldStop() && directory.readEntry(&entry))
+          if (directory.attributesOf(entry, &a, false)) read->push_back({entry, a});
+      });
+      for (const auto& item : items) {
+        if (shouldStop()) break;
+        visit(&folder, item.name, join(path, item.name), item.attributes);
       }
     }
     visitor_->finishVisitAtPath_attributes(path, attributes);

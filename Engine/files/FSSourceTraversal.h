@@ -24,11 +24,15 @@ class FSSourceTraversal : public FSDepthFirstTraversal {
                                                         FSVisitor& visitor);
 
  protected:
-  void _recurse(platform::Directory* parent, const std::string& name, const std::string& path) override;
+  void _recurse(const std::string& path) override;
   bool _proceedForPath_attrs(const std::string& path, const std::string& name,
                              const platform::FileAttributes& attributes) const;
 
  private:
+  // The item `name` of `parent` (none: the walk's top item) at `path`, examined as `attributes`.
+  void visit(Folder* parent, const std::string& name, const std::string& path,
+             const platform::FileAttributes& attributes);
+
   std::string homeDirPath_;
   std::shared_ptr<const platform::RegexPredicate> exclusionPredicate_;
 };
