@@ -38,6 +38,8 @@ void QSBackupConverter::run() {
     converter_.reset();
   }
   conversion.reset();
+  // What walks of this disk read before the conversion no longer stands.
+  QSChangeJournal::shared().noteDoubtAbout(mountPoint_);
   const std::vector<std::string> reported = uids();
   if (delegate_) delegate_->conversionDidFinishByConverter_withNewUIDs(shared_from_this(), reported);
 }

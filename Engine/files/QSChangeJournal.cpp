@@ -104,16 +104,36 @@ QSChangeJournal::Mark QSChangeJournal::now() const {
 
 std::optional<QSChangedFolders> QSChangeJournal::changesSince(const std::string& root, Mark mark) const {
   std::lock_guard<std::mutex> lock(lock_);
-  const auto it = roots_.find(root);
-  if (it == roots_.end() || it->second.followedAt > mark || it->second.doubtAt > mark || forgottenAt_ > mark)
-    return std::nullopt;
-  // A root followed inside another one shares its changes: both are asked by their own names.
+  // The followed root that holds `root` (a backup folder below a disk's followed folder, say).
+  const Root* holder = nullptr;
+  for (const auto& [followed, state] : roots_)
+    if (isAtOrBelow(root, followed) && (!holder || state.followedAt > holder->followedAt)) holder = &state;
+  if (!holder || holder->followedAt > mark || holder->doubtAt > mark || forgottenAt_ > mark) return std::nullopt;
   QSChangedFolders changes;
   for (const auto& [path, when] : folders_)
     if (when > mark && isAtOrBelow(path, root)) changes.addFolder(path);
   for (const auto& [path, when] : subtrees_)
     if (when > mark && (isAtOrBelow(path, root) || isAtOrBelow(root, path))) changes.addSubtree(path);
   return changes;
+}
+
+void QSChangeJournal::setSynchronizer(std::function<bool()> synchronize) {
+  std::lock_guard<std::mutex> lock(lock_);
+  synchronize_ = synchronize ? std::make_shared<const std::function<bool()>>(std::move(synchronize)) : nullptr;
+  // Whatever happened while nobody synchronized is unknown.
+  ++clock_;
+  for (auto& [root, state] : roots_) state.doubtAt = clock_;
+}
+
+std::optional<QSChangeJournal::Mark> QSChangeJournal::synchronizedMark() {
+  std::shared_ptr<const std::function<bool()>> synchronize;
+  {
+    std::lock_guard<std::mutex> lock(lock_);
+    synchronize = synchronize_;
+  }
+  // Called outside the lock: the watcher notes changes here while it catches up.
+  if (!synchronize || !(*synchronize)()) return std::nullopt;
+  return now();
 }
 
 size_t QSChangeJournal::size() const {

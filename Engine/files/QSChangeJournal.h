@@ -30,7 +30,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -71,7 +73,16 @@ class QSChangeJournal {
 
   Mark now() const;
 
-  // The listings changed below `root` since `mark`; nothing when that cannot be told.
+  // What catches the journal up with every change made so far (the
+  // watcher's barrier): answers false when it cannot.  None by default.
+  // Setting or clearing it casts doubt on every root.
+  void setSynchronizer(std::function<bool()> synchronize);
+  // The clock once the journal has caught up with every change made before
+  // the call; nothing when there is no synchronizer or it failed.
+  std::optional<Mark> synchronizedMark();
+
+  // The listings changed at and below `root` (a followed root or a folder
+  // below one) since `mark`; nothing when that cannot be told.
   std::optional<QSChangedFolders> changesSince(const std::string& root, Mark mark) const;
 
   // Changes noted and not yet forgotten (tests, the engine's log).
@@ -93,6 +104,7 @@ class QSChangeJournal {
   Mark clock_ = 1;
   Mark forgottenAt_ = 0;
   std::map<std::string, Root> roots_;
+  std::shared_ptr<const std::function<bool()>> synchronize_;
   std::unordered_map<std::string, Mark> folders_;   // listing changed
   std::unordered_map<std::string, Mark> subtrees_;  // everything at and below changed
 };

@@ -3,6 +3,7 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "Engine/files/QSBackupFolderWrites.h"
 #include "Engine/files/QSFSNodeVisitor.h"
 #include "platform/Date.h"
 #include "platform/Exception.h"
@@ -122,7 +123,9 @@ void QSFSNode::removeOldestVersionsOfFile_fromBackupFolder(uint32_t keep, const 
 void QSFSNode::removeOldestVersionsOfFile_beneath_inFolder(uint32_t keep, const std::string& root,
                                                           const std::string& relativeFolder) const {
   removeOldestVersions(keep, [&](const std::string& name) {
-    platform::FileCopier::removeItemBeneath(root, platform::appendingPathComponent(relativeFolder, name));
+    const std::string relative = platform::appendingPathComponent(relativeFolder, name);
+    platform::FileCopier::removeItemBeneath(root, relative);
+    QSBackupFolderWrites::noteChangedItem(platform::appendingPathComponent(root, relative));
   });
 }
 

@@ -18,6 +18,19 @@ platform::FileAttributes QSWalkMemo::Listing::attributesAt(size_t i) const {
   return a;
 }
 
+bool QSWalkMemo::Listing::operator==(const Listing& other) const {
+  if (count_ != other.count_) return false;
+  for (size_t i = 0; i < count_; ++i) {
+    const Entry& a = memo_->entries_[first_ + i];
+    const Entry& b = other.memo_->entries_[other.first_ + i];
+    if (nameAt(i) != other.nameAt(i) || a.type != b.type || a.creationSource != b.creationSource ||
+        a.modificationNanoseconds != b.modificationNanoseconds || a.creationNanoseconds != b.creationNanoseconds ||
+        a.modificationSeconds != b.modificationSeconds || a.creationSeconds != b.creationSeconds || a.size != b.size)
+      return false;
+  }
+  return true;
+}
+
 void QSWalkMemo::addListing(const std::string& folder, const std::vector<Item>& items) {
   const Range range{static_cast<uint32_t>(entries_.size()), static_cast<uint32_t>(items.size())};
   for (const Item& item : items) {

@@ -35,6 +35,8 @@ class QSWalkMemo {
     size_t size() const { return count_; }
     std::string_view nameAt(size_t i) const;
     platform::FileAttributes attributesAt(size_t i) const;
+    // The same names in the same order with the same kept attributes.
+    bool operator==(const Listing& other) const;
 
    private:
     friend class QSWalkMemo;
@@ -53,6 +55,16 @@ class QSWalkMemo {
   // The change journal's clock when the walk that filled it began.
   uint64_t mark() const { return mark_; }
   void setMark(uint64_t mark) { mark_ = mark; }
+
+  // When the walk that began the chain of memos this one belongs to — the
+  // last walk that read every folder — began (seconds since 1970).
+  double fullWalkDate() const { return fullWalkDate_; }
+  void setFullWalkDate(double date) { fullWalkDate_ = date; }
+  // Calls `each` with the path of every folder listed.
+  template <typename Each>
+  void enumerateFolders(Each each) const {
+    for (const auto& [path, range] : folders_) each(path);
+  }
 
   size_t folderCount() const { return folders_.size(); }
   size_t itemCount() const { return entries_.size(); }
@@ -83,4 +95,5 @@ class QSWalkMemo {
   std::string names_;
   std::unordered_map<std::string, Range> folders_;
   uint64_t mark_ = 0;
+  double fullWalkDate_ = 0;
 };

@@ -4,7 +4,10 @@
 
 #include "Engine/files/FSDestinationTraversal.h"
 #include "Engine/files/QSBackupFolderWrites.h"
+#include "Engine/files/QSWarmWalk.h"
+#include "platform/Date.h"
 #include "platform/FileManager.h"
+#include "platform/Log.h"
 #include "platform/OVThread.h"
 
 struct QSDestinationPrefetch::State {
@@ -22,6 +25,13 @@ QSDestinationPrefetch::QSDestinationPrefetch(std::shared_ptr<State> state) : sta
 QSDestinationPrefetch::~QSDestinationPrefetch() { cancel(); }
 
 void QSDestinationPrefetch::cancel() { state_->cancelled.store(true); }
+
+void QSDestinationPrefetch::logWalk(const FSDestinationTraversal& traversal, const QSWarmWalk& warm,
+                                    const std::string& path) {
+  if (warm.isWarm())
+    platform::Log::format("Backup folder %s walked warm: %zu folders read, %zu as the last walk left them",
+                          path.c_str(), traversal.foldersRead(), traversal.foldersReused());
+}
 
 std::shared_ptr<QSDestinationPrefetch::State> QSDestinationPrefetch::stateFor(const std::string& path) {
   auto state = std::make_shared<State>();
@@ -50,6 +60,7 @@ void QSDestinationPrefetch::walk(const std::shared_ptr<State>& state) {
   recording->reserveForCopies(cache->count());
   FSDestinationTraversal traversal(&state->cancelled);
   traversal.setCreationDateCache(cache);
+  QSWarmWalk warm(traversal, state->path, platform::Date::now().timeIntervalSince1970());
   traversal.recurseAtDestinationPath_withVisitor(state->path, *recording);
   const bool stopped = state->cancelled.load();
   {
@@ -58,7 +69,9 @@ void QSDestinationPrefetch::walk(const std::shared_ptr<State>& state) {
     if (!stopped) state->recording = std::move(recording);
   }
   state->ended.notify_all();
-  // Written once the second stage may go on.
+  // Kept and written once the second stage may go on.
+  warm.finish();
+  logWalk(traversal, warm, state->path);
   cache->keep();
 }
 

@@ -8,7 +8,8 @@
 // inode), and the engine wrote to no backup folder from the moment it
 // began (QSBackupFolderWrites); otherwise the second stage walks as ever.
 //
-// The walk keeps and renews the folder's creation-date cache.  Dropping the
+// The walk keeps and renews the folder's creation-date cache, and is warm
+// when it can be (QSWarmWalk).  Dropping the
 // prefetch stops its walk at the next item.
 #pragma once
 
@@ -45,6 +46,8 @@ class QSDestinationPrefetch {
   explicit QSDestinationPrefetch(std::shared_ptr<State> state);
   static std::shared_ptr<State> stateFor(const std::string& path);
   static void walk(const std::shared_ptr<State>& state);
+  static void logWalk(const class FSDestinationTraversal& traversal, const class QSWarmWalk& warm,
+                      const std::string& path);
 
   std::shared_ptr<State> state_;
 };

@@ -3,11 +3,13 @@
 #include "Engine/files/FSDestinationTraversal.h"
 #include "Engine/files/QSBackupFolderWrites.h"
 #include "Engine/files/QSFSDepthFirstTreeTraversal.h"
+#include "Engine/files/QSWarmWalk.h"
 #include "Engine/pipeline/QSDestinationPrefetch.h"
 #include "Engine/pipeline/QSTransferInstrument.h"
 #include "Engine/records/QSBackupAttributes.h"
 #include "Engine/records/QSBackupEntry.h"
 #include "Engine/records/QSCategoryIdentifiers.h"
+#include "platform/Date.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
 #include "platform/Memory.h"
@@ -282,7 +284,9 @@ void QSPerUIDEnvironment::runDestinationTallyWithToken(const std::shared_ptr<QST
     const auto cache = QSCreationDateCache::forBackupFolder(destination);
     FSDestinationTraversal traversal(&jobCancelled_);
     traversal.setCreationDateCache(cache);
+    QSWarmWalk warm(traversal, destination, platform::Date::now().timeIntervalSince1970());
     traversal.recurseAtDestinationPath_withVisitor(destination, *this);
+    warm.finish();
     cache->keep();
   }
   auto instrument = makeInstrument(token, true);

@@ -147,6 +147,7 @@ std::unique_ptr<platform::Directory> insureBackupFolder(const std::string& root,
       platform::FileError error;
       if (!platform::FileCopier::createDirectoryBeneath(root, prefix, haveLike ? &like : nullptr, &error))
         return nullptr;
+      QSBackupFolderWrites::noteChangedItem(platform::appendingPathComponent(root, prefix));
       child = folder->openChild(part);
     }
     folder = std::move(child);
@@ -191,7 +192,10 @@ void QSPerUIDEnvironment::copyFile_withAttributes_onlyDoARenameOnLastVersion(con
 
   if (latest && onlyDoARenameOnLastVersion) {
     // Only the letter case of the name changed: the newest copy takes the new name.
-    folder->renameEntry(latest->fileName(), QSVersionName(fileName, latest->index()));
+    const std::string renamed = QSVersionName(fileName, latest->index());
+    folder->renameEntry(latest->fileName(), renamed);
+    QSBackupFolderWrites::noteChangedItem(platform::appendingPathComponent(destinationFolder, latest->fileName()));
+    QSBackupFolderWrites::noteChangedItem(platform::appendingPathComponent(destinationFolder, renamed));
     return;
   }
   if (destination != nullptr && realtimeTraitsPath_ != *destination) {
@@ -216,9 +220,11 @@ void QSPerUIDEnvironment::copyFile_withAttributes_onlyDoARenameOnLastVersion(con
   options.syncData = true;  // each real-time copy is durable on its own
   auto copyOnce = [&] {
     platform::FileError error;
-    return platform::FileCopier::copyBeneath(home, relativeSource, *destination,
-                                             platform::appendingPathComponent(relativeFolder, storedName), options,
-                                             &error);
+    const bool done = platform::FileCopier::copyBeneath(home, relativeSource, *destination,
+                                                        platform::appendingPathComponent(relativeFolder, storedName),
+                                                        options, &error);
+    QSBackupFolderWrites::noteChangedItem(target);
+    return done;
   };
   bool copied = copyOnce();
   // A file written to while it was copied may have been copied half old,

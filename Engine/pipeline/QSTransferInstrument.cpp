@@ -1,5 +1,6 @@
 #include "Engine/pipeline/QSTransferInstrument.h"
 
+#include "Engine/files/QSBackupFolderWrites.h"
 #include "Engine/records/QSCategoryIdentifiers.h"
 #include "Engine/records/QSVersionName.h"
 #include "platform/Date.h"
@@ -77,6 +78,7 @@ void QSTransferInstrument::visitFolder(const QSFSNode& node) {
     platform::FileError error;
     if (platform::FileCopier::createDirectoryBeneath(destinationPath_, node.relativePath(), haveLike ? &like : nullptr,
                                                      &error, destinationDevice_)) {
+      QSBackupFolderWrites::noteChangedItem(folder);
       contiguousFailedCopyCount_ = 0;
       return;
     }
@@ -131,9 +133,12 @@ bool QSTransferInstrument::copyNode_inCategory_fileSize_sizeOfLatestVersion(cons
   // A cancelled backup stops in the middle of a large file, too.
   options.cancelled = isCancelled_;
   platform::FileError error;
-  if (platform::FileCopier::copyBeneath(sourcePath_, node->relativePath(), destinationPath_,
-                                        platform::appendingPathComponent(parentRelative, storedName), options, &error,
-                                        destinationDevice_)) {
+  const bool copied = platform::FileCopier::copyBeneath(sourcePath_, node->relativePath(), destinationPath_,
+                                                        platform::appendingPathComponent(parentRelative, storedName),
+                                                        options, &error, destinationDevice_);
+  // Made, or made and taken away again after an error: the folder changed either way.
+  QSBackupFolderWrites::noteChangedItem(destinationPath);
+  if (copied) {
     tally_->increaseBytesBy_filesBy_forTransferredCategory(fileSize, 1, category);
     tally_->increaseBytesBy_filesBy_forDestinationCategory(fileSize - sizeOfLatestVersion, node->hasVersions() ? 0 : 1,
                                                            category);

@@ -160,3 +160,44 @@ TEST(QSChangeJournalTest, TheRootItselfGoingAwayMarksEverythingBelowIt) {
   EXPECT_TRUE(changes.listingChanged("/media/disk/Backups/1000"));
   EXPECT_TRUE(changes.listingChanged("/media/disk/Backups/1000/Documents"));
 }
+
+TEST(QSChangeJournalTest, AFolderBelowAFollowedRootIsAnsweredForWithItsOwnChanges) {
+  QSChangeJournal journal;
+  journal.follow("/media/disk/Backups");
+  const auto mark = journal.now();
+  journal.noteContentChange("/media/disk/Backups/1000/Documents/a@0.txt");
+  journal.noteContentChange("/media/disk/Backups/1001/b@0.txt");
+  const auto changes = changesSince(journal, "/media/disk/Backups/1000", mark);
+  EXPECT_TRUE(changes.listingChanged("/media/disk/Backups/1000/Documents"));
+  EXPECT_EQ(changes.folderCount(), 1u);
+  EXPECT_FALSE(journal.changesSince("/media/disk", mark).has_value());
+}
+
+TEST(QSChangeJournalTest, AMarkIsGivenOnlyOnceTheSynchronizerHasCaughtUp) {
+  QSChangeJournal journal;
+  journal.follow("/home/ann");
+  EXPECT_FALSE(journal.synchronizedMark().has_value());
+  bool catchesUp = true;
+  journal.setSynchronizer([&] {
+    journal.noteContentChange("/home/ann/late/x");
+    return catchesUp;
+  });
+  const auto mark = journal.synchronizedMark();
+  ASSERT_TRUE(mark.has_value());
+  // The change the synchronizer brought in lies before the mark.
+  EXPECT_TRUE(changesSince(journal, "/home/ann", *mark).empty());
+  catchesUp = false;
+  EXPECT_FALSE(journal.synchronizedMark().has_value());
+}
+
+TEST(QSChangeJournalTest, SettingOrClearingTheSynchronizerCastsDoubt) {
+  QSChangeJournal journal;
+  journal.follow("/home/ann");
+  const auto mark = journal.now();
+  journal.setSynchronizer([] { return true; });
+  EXPECT_FALSE(journal.changesSince("/home/ann", mark).has_value());
+  const auto later = journal.now();
+  journal.setSynchronizer(nullptr);
+  EXPECT_FALSE(journal.changesSince("/home/ann", later).has_value());
+  EXPECT_FALSE(journal.synchronizedMark().has_value());
+}

@@ -1,0 +1,48 @@
+#include "Engine/files/QSWalkMemos.h"
+
+QSWalkMemos& QSWalkMemos::shared() {
+  static QSWalkMemos& memos = *new QSWalkMemos();
+  return memos;
+}
+
+std::shared_ptr<const QSWalkMemo> QSWalkMemos::memoFor(const std::string& root) const {
+  std::lock_guard<std::mutex> lock(lock_);
+  const auto it = memos_.find(root);
+  return it == memos_.end() ? nullptr : it->second;
+}
+
+void QSWalkMemos::keep(const std::string& root, std::shared_ptr<const QSWalkMemo> memo) {
+  std::shared_ptr<const QSWalkMemo> replaced;
+  std::lock_guard<std::mutex> lock(lock_);
+  auto& slot = memos_[root];
+  // The replaced memo is freed by whoever holds it last, after the lock.
+  replaced = std::move(slot);
+  slot = std::move(memo);
+}
+
+void QSWalkMemos::forget(const std::string& root) {
+  std::lock_guard<std::mutex> lock(lock_);
+  for (auto it = memos_.begin(); it != memos_.end();) {
+    const std::string& path = it->first;
+    const bool below = path.compare(0, root.size(), root) == 0 &&
+                       (path.size() == root.size() || path[root.size()] == '/' || (!root.empty() && root.back() == '/'));
+    it = below ? memos_.erase(it) : std::next(it);
+  }
+}
+
+void QSWalkMemos::forgetAll() {
+  std::lock_guard<std::mutex> lock(lock_);
+  memos_.clear();
+}
+
+size_t QSWalkMemos::count() const {
+  std::lock_guard<std::mutex> lock(lock_);
+  return memos_.size();
+}
+
+size_t QSWalkMemos::byteCount() const {
+  std::lock_guard<std::mutex> lock(lock_);
+  size_t bytes = 0;
+  for (const auto& [root, memo] : memos_) bytes += memo->byteCount();
+  return bytes;
+}

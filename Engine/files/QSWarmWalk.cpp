@@ -1,0 +1,63 @@
+#include "Engine/files/QSWarmWalk.h"
+
+#include <atomic>
+
+#include "platform/Log.h"
+
+namespace {
+std::atomic<double> interval{QSWarmWalk::kDefaultFullWalkInterval};
+}
+
+void QSWarmWalk::setFullWalkInterval(double seconds) { interval.store(seconds); }
+double QSWarmWalk::fullWalkInterval() { return interval.load(); }
+
+QSWarmWalk::QSWarmWalk(FSDepthFirstTraversal& traversal, std::string root, double now, QSChangeJournal& journal,
+                       QSWalkMemos& memos)
+    : traversal_(traversal), root_(std::move(root)), journal_(journal), memos_(memos) {
+  const auto mark = journal.synchronizedMark();
+  if (!mark) {
+    memos_.forget(root_);
+    traversal_.setMemos(nullptr, nullptr, nullptr);
+    return;
+  }
+  next_ = std::make_shared<QSWalkMemo>();
+  recorded_ = true;
+  next_->setMark(*mark);
+  next_->setFullWalkDate(now);
+  earlier_ = memos_.memoFor(root_);
+  if (earlier_) {
+    if (auto changes = journal.changesSince(root_, earlier_->mark()))
+      changes_ = std::make_shared<const QSChangedFolders>(std::move(*changes));
+  }
+  warm_ = earlier_ && changes_ && now - earlier_->fullWalkDate() < fullWalkInterval();
+  if (warm_) {
+    next_->setFullWalkDate(earlier_->fullWalkDate());
+    traversal_.setMemos(earlier_, changes_, next_);
+  } else {
+    traversal_.setMemos(nullptr, nullptr, next_);
+  }
+}
+
+size_t QSWarmWalk::finish() {
+  traversal_.setMemos(nullptr, nullptr, nullptr);
+  if (!next_ || traversal_.wasStopped()) return 0;
+  size_t missed = 0;
+  // A full walk in place of a warm one: what would a warm walk have taken
+  // wrongly?  Changes noted while the walk ran count as told.
+  const auto told = !warm_ && earlier_ && changes_ ? journal_.changesSince(root_, earlier_->mark()) : std::nullopt;
+  if (told) {
+    next_->enumerateFolders([&](const std::string& folder) {
+      if (told->listingChanged(folder)) return;
+      const auto before = earlier_->listingOf(folder);
+      if (before && !(*before == *next_->listingOf(folder))) ++missed;
+    });
+    if (missed)
+      platform::Log::format("Full walk of %s: %zu folders had changed without the watcher telling", root_.c_str(),
+                            missed);
+    else
+      platform::Log::format("Full walk of %s: nothing the warm walks had missed", root_.c_str());
+  }
+  next_->shrinkToFit();
+  memos_.keep(root_, std::move(next_));
+  return missed;
+}
