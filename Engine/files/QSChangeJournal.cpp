@@ -63,6 +63,28 @@ void QSChangeJournal::forgetIfFull() {
   forgottenAt_ = clock_;
 }
 
+void QSChangeJournal::noteEvent(const platform::FileSystemEvent& event) {
+  using Kind = platform::FileSystemEvent::Kind;
+  switch (event.kind) {
+    case Kind::Created:
+    case Kind::CreatedFolder:
+    case Kind::Deleted:
+    case Kind::Renamed:
+      for (const auto& path : event.paths) noteStructuralChange(path);
+      return;
+    case Kind::AttributesChanged:
+    case Kind::ClosedAfterWrite:
+      for (const auto& path : event.paths) noteContentChange(path);
+      return;
+    case Kind::Dropped:
+    case Kind::Undecodable:
+      noteDoubt();
+      return;
+  }
+  // A kind this journal does not know: nothing can be told any more.
+  noteDoubt();
+}
+
 void QSChangeJournal::noteContentChange(const std::string& path) {
   std::lock_guard<std::mutex> lock(lock_);
   std::string placed;

@@ -40,6 +40,7 @@
 #include <vector>
 
 #include "Engine/files/QSChangedFolders.h"
+#include "platform/FileSystemEventSource.h"
 
 class QSChangeJournal {
  public:
@@ -62,6 +63,10 @@ class QSChangeJournal {
   void unfollow(const std::string& root);
   bool isFollowing(const std::string& root) const;
 
+  // One change the watcher reported: creations, deletions and both sides of
+  // renames are structural changes; writes and attribute changes are
+  // content changes; a notice of lost events casts doubt on every root.
+  void noteEvent(const platform::FileSystemEvent& event);
   // A change of an item's content or attributes at `path`.
   void noteContentChange(const std::string& path);
   // A creation or deletion at `path`, or one side of a rename.

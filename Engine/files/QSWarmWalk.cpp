@@ -15,7 +15,8 @@ QSWarmWalk::QSWarmWalk(FSDepthFirstTraversal& traversal, std::string root, doubl
                        QSWalkMemos& memos)
     : traversal_(traversal), root_(std::move(root)), journal_(journal), memos_(memos) {
   const auto mark = journal.synchronizedMark();
-  if (!mark) {
+  // A place the journal does not follow (or doubts now) could never be walked warm.
+  if (!mark || !journal.changesSince(root_, *mark)) {
     memos_.forget(root_);
     traversal_.setMemos(nullptr, nullptr, nullptr);
     return;

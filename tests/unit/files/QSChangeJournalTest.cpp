@@ -201,3 +201,22 @@ TEST(QSChangeJournalTest, SettingOrClearingTheSynchronizerCastsDoubt) {
   EXPECT_FALSE(journal.changesSince("/home/ann", later).has_value());
   EXPECT_FALSE(journal.synchronizedMark().has_value());
 }
+
+TEST(QSChangeJournalTest, TheWatchersEventsAreNotedByKind) {
+  using Kind = platform::FileSystemEvent::Kind;
+  QSChangeJournal journal;
+  journal.follow("/home/ann");
+  const auto mark = journal.now();
+  journal.noteEvent({Kind::ClosedAfterWrite, {"/home/ann/a/f"}, 0, 0});
+  journal.noteEvent({Kind::AttributesChanged, {"/home/ann/b/f"}, 0, 0});
+  journal.noteEvent({Kind::Created, {"/home/ann/c/d/f"}, 0, 0});
+  journal.noteEvent({Kind::Renamed, {"/home/ann/e/f", "/home/ann/g/h/i"}, 0, 0});
+  const auto changes = changesSince(journal, "/home/ann", mark);
+  for (const char* path : {"/home/ann/a", "/home/ann/b", "/home/ann/c/d", "/home/ann/c", "/home/ann/e", "/home/ann/g/h",
+                           "/home/ann/g", "/home/ann/g/h/i"})
+    EXPECT_TRUE(changes.listingChanged(path)) << path;
+  EXPECT_EQ(changes.subtreeCount(), 3u);
+  journal.noteEvent({Kind::Dropped, {}, 0, 0});
+  EXPECT_FALSE(journal.changesSince("/home/ann", mark).has_value());
+}
+

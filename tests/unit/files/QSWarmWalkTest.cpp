@@ -139,3 +139,14 @@ TEST(QSWarmWalkTest, AFullWalkThatFindsWhatItWasToldCountsNothingMissed) {
   EXPECT_FALSE(full.warm);
   EXPECT_EQ(full.missed, 0u);
 }
+
+TEST(QSWarmWalkTest, APlaceTheJournalDoesNotFollowIsWalkedWholeAndNotRecorded) {
+  Place place;
+  place.journal.unfollow(place.home);
+  const auto first = place.walk();
+  EXPECT_FALSE(first.recorded);
+  const auto second = place.walk();
+  EXPECT_FALSE(second.warm);
+  EXPECT_EQ(second.read, 5u);
+  EXPECT_EQ(place.memos.count(), 0u);
+}
