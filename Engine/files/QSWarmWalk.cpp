@@ -58,6 +58,9 @@ size_t QSWarmWalk::finish() {
     else
       platform::Log::format("Full walk of %s: nothing the warm walks had missed", root_.c_str());
   }
+  if (warm_)
+    platform::Log::format("Walked %s warm: %zu folders read, %zu as the last walk left them", root_.c_str(),
+                          traversal_.foldersRead(), traversal_.foldersReused());
   next_->shrinkToFit();
   memos_.keep(root_, std::move(next_));
   return missed;

@@ -38,7 +38,8 @@ class QSWarmWalk {
   bool isWarm() const { return warm_; }
   // Whether the walk records a memo (the journal was synchronized).
   bool isRecorded() const { return recorded_; }
-  // After the walk: keeps its memo when the walk went to its end.  Answers
+  // After the walk: keeps its memo when the walk went to its end (and logs
+  // how much of a warm walk was read).  Answers
   // the number of folders a full walk found changed that the journal had
   // called unchanged (0 otherwise).
   size_t finish();

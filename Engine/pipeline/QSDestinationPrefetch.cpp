@@ -7,7 +7,6 @@
 #include "Engine/files/QSWarmWalk.h"
 #include "platform/Date.h"
 #include "platform/FileManager.h"
-#include "platform/Log.h"
 #include "platform/OVThread.h"
 
 struct QSDestinationPrefetch::State {
@@ -25,13 +24,6 @@ QSDestinationPrefetch::QSDestinationPrefetch(std::shared_ptr<State> state) : sta
 QSDestinationPrefetch::~QSDestinationPrefetch() { cancel(); }
 
 void QSDestinationPrefetch::cancel() { state_->cancelled.store(true); }
-
-void QSDestinationPrefetch::logWalk(const FSDestinationTraversal& traversal, const QSWarmWalk& warm,
-                                    const std::string& path) {
-  if (warm.isWarm())
-    platform::Log::format("Backup folder %s walked warm: %zu folders read, %zu as the last walk left them",
-                          path.c_str(), traversal.foldersRead(), traversal.foldersReused());
-}
 
 std::shared_ptr<QSDestinationPrefetch::State> QSDestinationPrefetch::stateFor(const std::string& path) {
   auto state = std::make_shared<State>();
@@ -71,7 +63,6 @@ void QSDestinationPrefetch::walk(const std::shared_ptr<State>& state) {
   state->ended.notify_all();
   // Kept and written once the second stage may go on.
   warm.finish();
-  logWalk(traversal, warm, state->path);
   cache->keep();
 }
 

@@ -46,8 +46,6 @@ class QSDestinationPrefetch {
   explicit QSDestinationPrefetch(std::shared_ptr<State> state);
   static std::shared_ptr<State> stateFor(const std::string& path);
   static void walk(const std::shared_ptr<State>& state);
-  static void logWalk(const class FSDestinationTraversal& traversal, const class QSWarmWalk& warm,
-                      const std::string& path);
 
   std::shared_ptr<State> state_;
 };

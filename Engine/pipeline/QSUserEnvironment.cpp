@@ -5,7 +5,6 @@
 #include "Engine/files/QSWarmWalk.h"
 #include "Engine/pipeline/QSDestinationPrefetch.h"
 #include "platform/Date.h"
-#include "platform/Log.h"
 
 QSUserEnvironment::QSUserEnvironment(Passkey, std::string name, std::string homeDir)
     : homeDir_(std::move(homeDir)), name_(std::move(name)), client_(QSSkerrowClientProxy::init()),
@@ -195,9 +194,6 @@ void QSUserEnvironment::runSourceTally() {
   traversal.recurseAtUserHome_withExclusionPredicate_visitor(homeDir_, exclusionFilter(), *this);
   client_->finishedSourceTally(tally);
   warm.finish();
-  if (warm.isWarm())
-    platform::Log::format("Home folder %s walked warm: %zu folders read, %zu as the last walk left them",
-                          homeDir_.c_str(), traversal.foldersRead(), traversal.foldersReused());
 }
 
 void QSUserEnvironment::startTraversalOfPath(const std::string& path) {
