@@ -1,5 +1,7 @@
 #include "platform/FakeFileSystemEventSource.h"
 
+#include <algorithm>
+
 namespace platform {
 
 void FakeFileSystemEventSource::push(std::vector<FileSystemEvent> events) {
@@ -16,6 +18,22 @@ void FakeFileSystemEventSource::failOpen(std::string error) {
 void FakeFileSystemEventSource::refuseFolder(const std::string& folder, std::string why) {
   std::lock_guard<std::mutex> lock(mutex_);
   refused_[folder] = std::move(why);
+}
+
+void FakeFileSystemEventSource::holdBatches() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  held_ = true;
+}
+
+void FakeFileSystemEventSource::releaseBatches() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  held_ = false;
+  changed_.notify_all();
+}
+
+std::vector<std::string> FakeFileSystemEventSource::unwatchedFolders() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return unwatched_;
 }
 
 std::vector<std::string> FakeFileSystemEventSource::watchedFolders() const {
@@ -38,6 +56,11 @@ size_t FakeFileSystemEventSource::batchesRead() const {
   return batchesRead_;
 }
 
+uint64_t FakeFileSystemEventSource::drainsRequested() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return requested_;
+}
+
 bool FakeFileSystemEventSource::open(std::string* error) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (openError_) {
@@ -58,15 +81,39 @@ bool FakeFileSystemEventSource::watchFolder(const std::string& folder, std::stri
   return true;
 }
 
+bool FakeFileSystemEventSource::unwatchFolder(const std::string& folder) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto it = std::find(watched_.begin(), watched_.end(), folder);
+  if (it == watched_.end()) return false;
+  watched_.erase(it);
+  unwatched_.push_back(folder);
+  return true;
+}
+
 bool FakeFileSystemEventSource::readEvents(std::vector<FileSystemEvent>* events) {
   std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait(lock, [this] { return closed_ || !batches_.empty(); });
+  changed_.wait(lock, [this] { return closed_ || (!held_ && (!batches_.empty() || requested_ > drained_)); });
   if (closed_) return false;
-  for (auto& event : batches_.front()) events->push_back(std::move(event));
-  batches_.pop_front();
-  ++batchesRead_;
+  if (!batches_.empty()) {
+    for (auto& event : batches_.front()) events->push_back(std::move(event));
+    batches_.pop_front();
+    ++batchesRead_;
+  }
+  // Every batch pushed before the drains asked so far has been taken.
+  if (batches_.empty()) drained_ = requested_;
   changed_.notify_all();
   return true;
+}
+
+uint64_t FakeFileSystemEventSource::requestDrain() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  changed_.notify_all();
+  return ++requested_;
+}
+
+uint64_t FakeFileSystemEventSource::drained() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return drained_;
 }
 
 void FakeFileSystemEventSource::close() {

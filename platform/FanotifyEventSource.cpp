@@ -20,9 +20,15 @@ namespace platform {
 
 namespace {
 
-// What every mark reports.  Folders are included (FAN_ONDIR) so that a
-// folder's rename is seen: it changes the paths of everything below it.
+// What every mark reports (with FAN_MODIFY unless writes are left out).
+// Folders are included (FAN_ONDIR) so that a folder's rename is seen: it
+// changes the paths of everything below it.
 constexpr uint64_t kMarkMask = FAN_CREATE | FAN_DELETE | FAN_ATTRIB | FAN_CLOSE_WRITE | FAN_RENAME | FAN_ONDIR;
+// Every bit a record may carry.
+constexpr uint64_t kKnownMask = kMarkMask | FAN_MODIFY;
+// A read that returns less than this left the queue empty: the largest
+// record (a rename: two handles and two names) is far smaller.
+constexpr size_t kShortRead = 65536;
 constexpr size_t kReadBytes = 131072;
 // How long the reader lets events gather after the first one arrives (the
 // kernel queues 16,384 events: far more than a busy file system makes in it).
@@ -85,9 +91,13 @@ std::string joinPath(const std::string& folder, std::string_view name) {
 
 struct FanotifyEventSource::Group {
   FileDescriptor fanotify;
-  FileDescriptor mount;  // any descriptor on the file system's mount, for open_by_handle_at
+  // A descriptor on the file system, for open_by_handle_at: opened by the
+  // decoding of one read that needs it and closed after, so that the disk
+  // can be unmounted between reads.
+  FileDescriptor mount;
+  bool mountTried = false;
   uint64_t device = 0;
-  std::vector<std::string> subtrees;
+  std::vector<Subtree> subtrees;
   std::unordered_map<std::string, Folder, KeyHash, KeyEqual> folders;
 };
 
@@ -136,6 +146,18 @@ uint64_t FanotifyEventSource::folderLookups() const {
   return folderLookups_;
 }
 
+uint64_t FanotifyEventSource::recordsRead() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return recordsRead_;
+}
+
+uint64_t FanotifyEventSource::readsMade() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return readsMade_;
+}
+
+uint64_t FanotifyEventSource::markMask() const { return kMarkMask | (options_.reportWrites ? FAN_MODIFY : 0); }
+
 bool FanotifyEventSource::watchFolder(const std::string& folder, std::string* why) {
   char resolved[PATH_MAX];
   if (!::realpath(folder.c_str(), resolved)) {
@@ -154,7 +176,16 @@ bool FanotifyEventSource::watchFolder(const std::string& folder, std::string* wh
   }
   for (auto& group : groups_) {
     if (group->device != static_cast<uint64_t>(st.st_dev)) continue;
-    group->subtrees.push_back(resolved);
+    // Marked again: the file system may have been unmounted and mounted
+    // again (same device, new mark needed); for a live mark it changes nothing.
+    if (::fanotify_mark(group->fanotify.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, markMask(), AT_FDCWD, resolved) !=
+        0) {
+      if (why) *why = "fanotify cannot mark its file system: " + errnoText(errno);
+      return false;
+    }
+    const bool known = std::any_of(group->subtrees.begin(), group->subtrees.end(),
+                                   [&](const Subtree& s) { return s.given == folder && s.resolved == resolved; });
+    if (!known) group->subtrees.push_back({folder, resolved});
     group->folders.clear();  // verdicts made before may change
     return true;
   }
@@ -163,27 +194,56 @@ bool FanotifyEventSource::watchFolder(const std::string& folder, std::string* wh
     if (why) *why = errnoText(errno);
     return false;
   }
-  if (::fanotify_mark(fanotify.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, kMarkMask, AT_FDCWD, resolved) != 0) {
+  if (::fanotify_mark(fanotify.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, markMask(), AT_FDCWD, resolved) != 0) {
     const int error = errno;
     if (why) *why = "fanotify cannot mark its file system: " + errnoText(error);
     // The group is unmarked and can serve the next file system.
     if (!spare_) spare_ = std::move(fanotify);
     return false;
   }
-  FileDescriptor mount(::open(resolved, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!mount) {
-    if (why) *why = errnoText(errno);
-    return false;  // the mark goes with the group's descriptor
-  }
-  auto group = std::make_unique<Group>();
+  auto group = std::make_shared<Group>();
   group->fanotify = std::move(fanotify);
-  group->mount = std::move(mount);
   group->device = st.st_dev;
-  group->subtrees.push_back(resolved);
+  group->subtrees.push_back({folder, resolved});
   groups_.push_back(std::move(group));
   wakeReader();  // the reader waits on the groups it knew
   return true;
 }
+
+bool FanotifyEventSource::unwatchFolder(const std::string& folder) {
+  char resolved[PATH_MAX];
+  // A folder on a disk that is gone no longer resolves: it is known by its given name.
+  const std::string real = ::realpath(folder.c_str(), resolved) ? std::string(resolved) : folder;
+  std::lock_guard<std::mutex> lock(mutex_);
+  bool found = false;
+  for (auto it = groups_.begin(); it != groups_.end();) {
+    Group& group = **it;
+    const auto removed = std::remove_if(group.subtrees.begin(), group.subtrees.end(), [&](const Subtree& s) {
+      return s.given == folder || s.resolved == folder || s.resolved == real;
+    });
+    if (removed == group.subtrees.end()) {
+      ++it;
+      continue;
+    }
+    found = true;
+    group.subtrees.erase(removed, group.subtrees.end());
+    group.folders.clear();  // "inside" verdicts made before are wrong now
+    // With nothing left to watch there, the group goes, and its mark with
+    // its descriptor (once the reader, which may hold it, lets go).
+    it = group.subtrees.empty() ? groups_.erase(it) : it + 1;
+  }
+  if (found) wakeReader();  // the reader stops waiting on a group that went
+  return found;
+}
+
+uint64_t FanotifyEventSource::requestDrain() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const uint64_t ticket = ++requested_;
+  wakeReader();
+  return ticket;
+}
+
+uint64_t FanotifyEventSource::drained() const { return drained_.load(); }
 
 void FanotifyEventSource::wakeReader() {
   const uint64_t one = 1;
@@ -198,50 +258,63 @@ void FanotifyEventSource::close() {
 
 bool FanotifyEventSource::readEvents(std::vector<FileSystemEvent>* events) {
   const size_t before = events->size();
-  while (events->size() == before) {
+  for (;;) {
     std::vector<pollfd> fds;
-    std::vector<Group*> polled;
+    std::vector<std::shared_ptr<Group>> polled;
+    uint64_t drainTo;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (closed_ || !wake_) return false;
+      // Every ticket up to here was handed out before the reads below begin.
+      drainTo = requested_;
       fds.push_back({wake_.get(), POLLIN, 0});
       for (auto& group : groups_) {
         fds.push_back({group->fanotify.get(), POLLIN, 0});
-        polled.push_back(group.get());
+        polled.push_back(group);
       }
     }
-    if (::poll(fds.data(), fds.size(), -1) < 0) {
+    // A drain asked for reads at once (its wake-up may have been taken already).
+    const bool draining = drainTo > drained_.load();
+    if (::poll(fds.data(), fds.size(), draining ? 0 : -1) < 0) {
       if (errno == EINTR) continue;
       return false;
     }
     // Events come in bursts (a save is several events, a build thousands a
     // second): waiting a moment after the first lets one read take the
-    // burst, instead of waking the reader and reading once per event.
-    if (std::any_of(fds.begin() + 1, fds.end(), [](const pollfd& p) { return p.revents & POLLIN; }))
+    // burst, instead of waking the reader and reading once per event.  A
+    // drain does not wait: what it must take is queued already.
+    if (!draining && std::any_of(fds.begin() + 1, fds.end(), [](const pollfd& p) { return p.revents & POLLIN; }))
       std::this_thread::sleep_for(kBurstWait);
     if (fds[0].revents) {
       uint64_t count;
       [[maybe_unused]] const ssize_t n = ::read(fds[0].fd, &count, sizeof count);
     }
     for (size_t i = 0; i < polled.size(); ++i) {
-      if (!(fds[i + 1].revents & POLLIN)) continue;
-      // Everything queued now, in buffers of kReadBytes.
+      if (!draining && !(fds[i + 1].revents & POLLIN)) continue;
+      // Everything queued now, in buffers of kReadBytes, until a read finds
+      // the queue empty (nothing, or a short read).
       for (;;) {
         const ssize_t n = ::read(fds[i + 1].fd, buffer_.data(), buffer_.size());
+        if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         std::lock_guard<std::mutex> lock(mutex_);
+        ++readsMade_;
         decode(*polled[i], buffer_.data(), static_cast<size_t>(n), events);
-        if (static_cast<size_t>(n) < buffer_.size() / 2) break;
+        if (static_cast<size_t>(n) < kShortRead) break;
       }
     }
+    if (draining) {
+      drained_.store(drainTo);
+      return true;
+    }
+    if (events->size() != before) return true;
   }
-  return true;
 }
 
 std::vector<FileSystemEvent> FanotifyEventSource::decodeRecords(const char* buffer, size_t length, uint64_t device) {
   FanotifyEventSource source(Options{.ignoreOwnProcess = false});
   source.ownsEventDescriptors_ = false;
-  Group group;  // no mount: every folder is unknown, and so outside
+  Group group;  // no watched subtree, so no mount: every folder is unknown, and so outside
   group.device = device;
   std::vector<FileSystemEvent> events;
   std::lock_guard<std::mutex> lock(source.mutex_);
@@ -250,7 +323,8 @@ std::vector<FileSystemEvent> FanotifyEventSource::decodeRecords(const char* buff
 }
 
 bool FanotifyEventSource::isInside(const Group& group, const std::string& path) const {
-  for (const std::string& subtree : group.subtrees) {
+  for (const Subtree& s : group.subtrees) {
+    const std::string& subtree = s.resolved;
     if (path.size() < subtree.size() || path.compare(0, subtree.size(), subtree) != 0) continue;
     if (path.size() == subtree.size() || subtree == "/" || path[subtree.size()] == '/') return true;
   }
@@ -261,6 +335,10 @@ const FanotifyEventSource::Folder* FanotifyEventSource::folderFor(Group& group, 
                                                                   const void* handle) {
   if (const auto it = group.folders.find(std::string_view(key)); it != group.folders.end()) return &it->second;
   if (group.folders.size() >= options_.folderCacheLimit) group.folders.clear();
+  if (!openMount(group)) {
+    unknown_ = Folder();
+    return &unknown_;
+  }
   ++folderLookups_;
   Folder folder;
   FileDescriptor fd(::open_by_handle_at(group.mount.get(), static_cast<file_handle*>(const_cast<void*>(handle)),
@@ -286,9 +364,34 @@ const FanotifyEventSource::Folder* FanotifyEventSource::folderFor(Group& group, 
   return &group.folders.emplace(key, std::move(folder)).first->second;
 }
 
+bool FanotifyEventSource::openMount(Group& group) {
+  if (group.mount) return true;
+  if (group.mountTried) return false;
+  group.mountTried = true;
+  // Any watched subtree that still lies on the file system (a disk mounted
+  // elsewhere since, or gone, leaves another file system at the path).
+  for (const Subtree& subtree : group.subtrees) {
+    FileDescriptor fd(::open(subtree.resolved.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat st {};
+    if (fd && ::fstat(fd.get(), &st) == 0 && static_cast<uint64_t>(st.st_dev) == group.device) {
+      group.mount = std::move(fd);
+      return true;
+    }
+  }
+  return false;
+}
+
 void FanotifyEventSource::decode(Group& group, const char* buffer, size_t length,
                                  std::vector<FileSystemEvent>* events) {
-  constexpr uint64_t kKnown = kMarkMask;
+  // The descriptor made for this read's look-ups is closed after it.
+  struct LetGo {
+    Group& group;
+    ~LetGo() {
+      group.mount.reset();
+      group.mountTried = false;
+    }
+  } letGo{group};
+  constexpr uint64_t kKnown = kKnownMask;
   size_t offset = 0;
   std::string key;
   // Handles are copied into aligned storage before the kernel is given them.
@@ -306,6 +409,7 @@ void FanotifyEventSource::decode(Group& group, const char* buffer, size_t length
     if (meta.event_len < sizeof meta || offset + meta.event_len > length) return;
     const char* record = buffer + offset;
     offset += meta.event_len;
+    ++recordsRead_;
     // Reports by handle carry no descriptor (FAN_NOFD); one that does is closed.
     if (meta.fd >= 0 && ownsEventDescriptors_) ::close(meta.fd);
     if (meta.vers != FANOTIFY_METADATA_VERSION) {
@@ -387,6 +491,7 @@ void FanotifyEventSource::decode(Group& group, const char* buffer, size_t length
     };
     // A merged event keeps no order of its own: it is told in the order things happen to a file.
     if (meta.mask & FAN_CREATE) add(isFolder ? FileSystemEvent::Kind::CreatedFolder : FileSystemEvent::Kind::Created);
+    if (meta.mask & FAN_MODIFY) add(FileSystemEvent::Kind::Modified);
     if (meta.mask & FAN_ATTRIB) add(FileSystemEvent::Kind::AttributesChanged);
     if (meta.mask & FAN_CLOSE_WRITE) add(FileSystemEvent::Kind::ClosedAfterWrite);
     if (meta.mask & FAN_DELETE) add(FileSystemEvent::Kind::Deleted);

@@ -11,9 +11,26 @@
 //    either side does); everything else on the file system is dropped by the
 //    source, as cheaply as it can.  Folders on a file system that cannot be
 //    watched are refused with the reason.  Safe from any thread after `open`.
+//  - `unwatchFolder` ends what `watchFolder` began for that folder (named as
+//    it was then, or by the same resolved path): nothing below it is
+//    reported any more, except where another watched subtree holds it.  When
+//    no watched subtree is left on a file system, the source lets go of it
+//    entirely.  A file system that was unmounted may be unwatched (its mark
+//    went with it).  The source never keeps a watched file system busy: it
+//    can be unmounted at any time.  Safe from any thread after `open`.
 //  - `readEvents` waits until events come and appends them in the order the
 //    system reported them; it answers false once the source is closed (or has
-//    failed for good), and never again true after that.  One reader thread.
+//    failed for good), and never again true after that.  It may also return
+//    true having appended nothing, after it finished a drain (below).  One
+//    reader thread.
+//  - `requestDrain` (any thread) answers a ticket, a number larger than every
+//    one answered before, and makes the reader drain: read everything the
+//    system has queued, in a read that begins after the request.  Once
+//    `drained()` answers the ticket or more, every event the system queued
+//    before the request was made has been appended by a `readEvents` call
+//    that has returned (or dropped by the source's own rules).  The reader
+//    asks `drained()` after `readEvents` returns: the answer covers the events
+//    that call appended.  A closed source never answers a ticket.
 //  - Changes made by this process itself are never reported (unless the
 //    source was made to report them, for tests that make the changes
 //    themselves).
@@ -39,6 +56,7 @@ struct FileSystemEvent {
     AttributesChanged,  // mode, owner, times or extended attributes: {path}
     Renamed,          // {old path, new path}
     ClosedAfterWrite, // a file opened for writing was closed: {path}
+    Modified,         // a file's data was written (it may still be open): {path}
     Dropped,          // events were lost: paths empty, `device` names the file system
     Undecodable,      // `rawType` holds what the system reported
   };
@@ -59,8 +77,15 @@ class FileSystemEventSource {
   // Watches the file system holding `folder`, and `folder` as a subtree;
   // false with the reason when that file system cannot be watched.
   virtual bool watchFolder(const std::string& folder, std::string* why) = 0;
-  // Waits for events and appends them to `events`; false once closed.
+  // Stops reporting events at or below `folder`; false when it was not watched.
+  virtual bool unwatchFolder(const std::string& folder) = 0;
+  // Waits for events (or a drain to finish) and appends them to `events`;
+  // false once closed.
   virtual bool readEvents(std::vector<FileSystemEvent>* events) = 0;
+  // Asks the reader for a drain; answers its ticket (see above).
+  virtual uint64_t requestDrain() = 0;
+  // The largest ticket whose drain has finished, 0 before any.
+  virtual uint64_t drained() const = 0;
   // Ends the source; a waiting readEvents returns false.
   virtual void close() = 0;
 };

@@ -42,7 +42,7 @@ std::string readFile(const std::string& path) {
 
 std::string describe(const FileSystemEvent& e) {
   static const char* const names[] = {"created", "created-folder", "deleted", "attributes", "renamed",
-                                      "closed-after-write", "dropped", "undecodable"};
+                                      "closed-after-write", "modified", "dropped", "undecodable"};
   std::string text = names[static_cast<int>(e.kind)];
   for (const auto& path : e.paths) text += " " + path;
   return text;
