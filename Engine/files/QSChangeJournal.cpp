@@ -74,6 +74,7 @@ void QSChangeJournal::noteEvent(const platform::FileSystemEvent& event) {
       return;
     case Kind::AttributesChanged:
     case Kind::ClosedAfterWrite:
+    case Kind::Modified:
       for (const auto& path : event.paths) noteContentChange(path);
       return;
     case Kind::Dropped:

@@ -209,10 +209,11 @@ TEST(QSChangeJournalTest, TheWatchersEventsAreNotedByKind) {
   const auto mark = journal.now();
   journal.noteEvent({Kind::ClosedAfterWrite, {"/home/ann/a/f"}, 0, 0});
   journal.noteEvent({Kind::AttributesChanged, {"/home/ann/b/f"}, 0, 0});
+  journal.noteEvent({Kind::Modified, {"/home/ann/m/f"}, 0, 0});
   journal.noteEvent({Kind::Created, {"/home/ann/c/d/f"}, 0, 0});
   journal.noteEvent({Kind::Renamed, {"/home/ann/e/f", "/home/ann/g/h/i"}, 0, 0});
   const auto changes = changesSince(journal, "/home/ann", mark);
-  for (const char* path : {"/home/ann/a", "/home/ann/b", "/home/ann/c/d", "/home/ann/c", "/home/ann/e", "/home/ann/g/h",
+  for (const char* path : {"/home/ann/a", "/home/ann/b", "/home/ann/m", "/home/ann/c/d", "/home/ann/c", "/home/ann/e", "/home/ann/g/h",
                            "/home/ann/g", "/home/ann/g/h/i"})
     EXPECT_TRUE(changes.listingChanged(path)) << path;
   EXPECT_EQ(changes.subtreeCount(), 3u);
