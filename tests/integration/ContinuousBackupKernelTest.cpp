@@ -259,6 +259,16 @@ class RealtimeKernelTest : public KernelFixture {
  protected:
   struct Forward : QSFSWatcherDelegate {
     QSSecondStage* stage = nullptr;
+    std::mutex mutex;
+    std::vector<std::string> seen;  // every change, as described
+    void fsWatcherDidSeeChange(const FileSystemEvent& event) override {
+      std::lock_guard<std::mutex> lock(mutex);
+      seen.push_back(describe(event));
+    }
+    bool saw(const std::string& text) {
+      std::lock_guard<std::mutex> lock(mutex);
+      return std::find(seen.begin(), seen.end(), text) != seen.end();
+    }
     void handleFSEvent(const std::shared_ptr<const QSFSWatcherEvent>& event) override {
       stage->distributeFSEvent(event);
     }
@@ -421,4 +431,37 @@ TEST_F(RealtimeKernelTest, TheEnginesOwnReadsOfTheHomeAndCopiesOntoTheBackupDisk
   writeFile(destination + "/Documents/stray.txt", "on the backup disk");
   ASSERT_TRUE(storeMarker());
   EXPECT_EQ(client->count("startedRealtimeTransfer"), copies + 1);  // the marker only
+}
+
+TEST_F(RealtimeKernelTest, AChangeInAWatchedBackupFolderIsSeenButNeverCopied) {
+  watcher->watchFolder(destination);
+  writeFile(home + "/Documents/a.txt", "x");
+  ASSERT_TRUE(storeMarker());
+  const size_t copies = client->count("startedRealtimeTransfer");
+  // Something other than the engine changes the backup folder.
+  const auto result = skerrow_test::runCommand(
+      {"sh", "-c", "mkdir -p '" + destination + "/Documents' && echo planted > '" + destination + "/Documents/planted.txt'"});
+  ASSERT_EQ(result.exitCode, 0) << result.output;
+  ASSERT_TRUE(watcher->synchronize(std::chrono::seconds(10)));
+  EXPECT_TRUE(forward.saw("closed-after-write " + destination + "/Documents/planted.txt"));
+  ASSERT_TRUE(storeMarker());
+  EXPECT_EQ(client->count("startedRealtimeTransfer"), copies + 1);  // the marker only
+  EXPECT_EQ(stored("Documents"),
+            (std::vector<std::string>{"a@0.txt", "marker1@0.txt", "marker2@0.txt", "planted.txt"}));
+}
+
+TEST_F(RealtimeKernelTest, AFileWrittenAndKeptOpenIsQueuedForCopyingOnlyOnceItIsClosed) {
+  writeFile(home + "/Documents/a.txt", "x");
+  ASSERT_TRUE(storeMarker());
+  ASSERT_TRUE(environment->stopThread(std::chrono::seconds(5)));
+  const std::string log = home + "/Documents/app.log";
+  const int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(::write(fd, "line\n", 5), 5);
+  ASSERT_TRUE(watcher->synchronize(std::chrono::seconds(10)));
+  EXPECT_TRUE(forward.saw("modified " + log));
+  EXPECT_EQ(environment->pendingFSEventCount(), 0u);  // seen, but nothing to copy yet
+  ::close(fd);
+  ASSERT_TRUE(watcher->synchronize(std::chrono::seconds(10)));
+  EXPECT_EQ(environment->pendingFSEventCount(), 1u);
 }
