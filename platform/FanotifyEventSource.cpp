@@ -354,12 +354,15 @@ const FanotifyEventSource::Folder* FanotifyEventSource::folderFor(Group& group, 
       const bool deleted = folder.path.size() > kDeleted.size() &&
                            std::string_view(folder.path).substr(folder.path.size() - kDeleted.size()) == kDeleted;
       folder.known = !deleted && folder.path.front() == '/';
+      folder.gone = deleted;
       folder.inside = folder.known && isInside(group, folder.path);
     }
   } else if (errno != ESTALE) {
     // Perhaps only for now (no memory, too many files): not remembered.
     unknown_ = Folder();
     return &unknown_;
+  } else {
+    folder.gone = true;
   }
   return &group.folders.emplace(key, std::move(folder)).first->second;
 }
@@ -462,23 +465,55 @@ void FanotifyEventSource::decode(Group& group, const char* buffer, size_t length
       key.assign(r.key);
       return folderFor(group, key, handleCopy);
     };
+    // A change in a folder whose path cannot be read now (and that is not
+    // gone) cannot be placed: it is told as lost, so that nothing relies on
+    // having heard of every change.
+    auto unplaceable = [&] {
+      FileSystemEvent event;
+      event.kind = FileSystemEvent::Kind::Dropped;
+      event.device = group.device;
+      events->push_back(std::move(event));
+    };
+    auto single = [&](FileSystemEvent::Kind kind, std::string path) {
+      FileSystemEvent event;
+      event.kind = kind;
+      event.device = group.device;
+      event.paths = {std::move(path)};
+      events->push_back(std::move(event));
+    };
     if (rename) {
       const Folder* oldFolder = folderOf(from);
-      const bool oldInside = oldFolder->inside, oldKnown = oldFolder->known;
+      const bool oldInside = oldFolder->inside, oldKnown = oldFolder->known, oldGone = oldFolder->gone;
       const std::string oldPath = oldKnown ? joinPath(oldFolder->path, from.name) : std::string();
       const Folder* newFolder = folderOf(to);
-      if ((oldInside || newFolder->inside) && oldKnown && newFolder->known) {
-        FileSystemEvent event;
-        event.kind = FileSystemEvent::Kind::Renamed;
-        event.device = group.device;
-        event.paths = {oldPath, joinPath(newFolder->path, to.name)};
-        events->push_back(std::move(event));
+      const bool isFolder = meta.mask & FAN_ONDIR;
+      if ((!oldKnown && !oldGone) || (!newFolder->known && !newFolder->gone)) {
+        unplaceable();
+      } else if (oldKnown && newFolder->known) {
+        if (oldInside || newFolder->inside) {
+          FileSystemEvent event;
+          event.kind = FileSystemEvent::Kind::Renamed;
+          event.device = group.device;
+          event.paths = {oldPath, joinPath(newFolder->path, to.name)};
+          events->push_back(std::move(event));
+        }
+      } else if (newFolder->known && newFolder->inside) {
+        // Moved out of a folder removed since: for what is watched, a creation.
+        single(isFolder ? FileSystemEvent::Kind::CreatedFolder : FileSystemEvent::Kind::Created,
+               joinPath(newFolder->path, to.name));
+      } else if (oldKnown && oldInside) {
+        // Moved into a folder removed since: for what is watched, a deletion.
+        single(FileSystemEvent::Kind::Deleted, oldPath);
       }
       // A folder moved: every path below it changed.
       if (meta.mask & FAN_ONDIR) group.folders.clear();
       continue;
     }
     const Folder* folder = folderOf(plain);
+    if (!folder->known && !folder->gone) {
+      unplaceable();
+      continue;
+    }
     if (!folder->inside) continue;
     const std::string path = joinPath(folder->path, plain.name);
     const bool isFolder = meta.mask & FAN_ONDIR;

@@ -96,6 +96,7 @@ class FanotifyEventSource : public FileSystemEventSource {
   struct Folder {
     bool inside = false;   // at or below a watched subtree
     bool known = false;    // the path could be read
+    bool gone = false;     // the folder no longer exists (its removal is an event of its own)
     std::string path;
   };
 

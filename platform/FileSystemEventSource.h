@@ -36,7 +36,11 @@
 //    themselves).
 //  - When the system had to drop events of a file system, one event of kind
 //    Dropped names that file system's device; nothing tells which changes
-//    were lost.
+//    were lost.  A change the source cannot place (the path of its folder
+//    cannot be read for now) is reported the same way.  A change in a folder
+//    that is gone by the time it is read is left out (the folder's removal
+//    is reported), and a rename of which one side's folder is gone is
+//    reported as the creation or deletion of the other side.
 //  - An event the source cannot decode is reported as Undecodable, with the
 //    system's raw type; the caller is expected to stop reading.
 //  - `close` may be called from any thread; it ends a `readEvents` that waits.

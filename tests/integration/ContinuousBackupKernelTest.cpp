@@ -112,6 +112,37 @@ TEST_F(KernelFixture, ARenameIsReportedWithItsOldAndNewPathInOneEvent) {
   EXPECT_TRUE(has(events, expected));
 }
 
+TEST_F(KernelFixture, AFileMovedOutOfAFolderRemovedBeforeTheEventIsReadIsReportedAsCreatedWhereItWent) {
+  auto source = openSource();
+  std::string why;
+  ASSERT_TRUE(source->watchFolder(home, &why)) << why;
+  std::filesystem::create_directories(home + "/Inbox");
+  writeFile(home + "/Inbox/a.txt", "x");
+  // Nothing is read before the folder is gone: its path is never known to the source.
+  std::filesystem::rename(home + "/Inbox/a.txt", home + "/Documents/a.txt");
+  std::filesystem::remove(home + "/Inbox");
+  const auto events = readUntil(*source, [&](const auto& e) { return has(e, "deleted " + home + "/Inbox"); });
+  std::string told;
+  for (const auto& e : events) told += describe(e) + "\n";
+  EXPECT_TRUE(has(events, "created " + home + "/Documents/a.txt")) << told;
+  for (const auto& e : events) EXPECT_NE(e.kind, FileSystemEvent::Kind::Dropped) << told;
+}
+
+TEST_F(KernelFixture, AFileMovedIntoAFolderRemovedBeforeTheEventIsReadIsReportedAsDeletedWhereItWas) {
+  auto source = openSource();
+  std::string why;
+  ASSERT_TRUE(source->watchFolder(home, &why)) << why;
+  std::filesystem::create_directories(home + "/Trash");
+  writeFile(home + "/Documents/b.txt", "x");
+  std::filesystem::rename(home + "/Documents/b.txt", home + "/Trash/b.txt");
+  std::filesystem::remove_all(home + "/Trash");
+  const auto events = readUntil(*source, [&](const auto& e) { return has(e, "deleted " + home + "/Trash"); });
+  std::string told;
+  for (const auto& e : events) told += describe(e) + "\n";
+  EXPECT_TRUE(has(events, "deleted " + home + "/Documents/b.txt")) << told;
+  for (const auto& e : events) EXPECT_NE(e.kind, FileSystemEvent::Kind::Dropped) << told;
+}
+
 TEST_F(KernelFixture, AFileClosedAfterWritingIsReportedAsAContentChangeWithItsPath) {
   auto source = openSource();
   std::string why;
