@@ -2,7 +2,7 @@
 # Side-by-side timing of a backup by skerrowd against cp and rsync, on the
 # same synthetic home folder and the same loop-mounted ext4 disk.
 #
-#   sudo bench/backup_vs_copy.sh [-n FILES] [-b BYTES] [-s SEED] [-r RUNS] [-B BUILD_DIR] [-H HOME] [-k]
+#   sudo bench/backup_vs_copy.sh [-n FILES] [-b BYTES] [-s SEED] [-r RUNS] [-B BUILD_DIR] [-H HOME] [-k] [-w]
 #
 # Defaults: 100000 files, 1.5G, seed 1, 3 runs, build dir "build".  -H uses a home
 # folder made earlier by skerrow_make_home (its owner becomes uid 1600) instead
@@ -26,13 +26,20 @@
 #           its resident set (VmRSS) two seconds after that pass
 #   floor   the kernel calls alone of a no-change pass (stat of every item
 #           on both sides, the creation date of every copy), for scale
+#   warm    (-w) the engine with continuous backup, whose passes read again
+#           only what the watcher saw change: RUNS no-change passes after
+#           the first (median), then RUNS times 100 files given a new
+#           modification time (which continuous backup does not copy) and
+#           the pass that copies them, against rsync -a on the same change;
+#           the engine's peak and resident set after these passes
 set -euo pipefail
 
-FILES=100000 BYTES=1.5G SEED=1 RUNS=3 BUILD=build KEEP=0 GIVEN_HOME=""
-while getopts "n:b:s:r:B:H:k" opt; do
+FILES=100000 BYTES=1.5G SEED=1 RUNS=3 BUILD=build KEEP=0 GIVEN_HOME="" WARM=0
+while getopts "n:b:s:r:B:H:kw" opt; do
   case $opt in
     n) FILES=$OPTARG ;; b) BYTES=$OPTARG ;; s) SEED=$OPTARG ;; r) RUNS=$OPTARG ;; B) BUILD=$OPTARG ;; H) GIVEN_HOME=$OPTARG ;; k) KEEP=1 ;;
-    *) sed -n '2,30p' "$0"; exit 2 ;;
+    w) WARM=1 ;;
+    *) sed -n '2,36p' "$0"; exit 2 ;;
   esac
 done
 [[ $(id -u) == 0 ]] || { echo "run as root (loop devices, mounts)"; exit 2; }
@@ -113,9 +120,11 @@ BUS_OUT=$(dbus-daemon --session --fork --print-address=1 --print-pid=1 --nopidfi
 export DBUS_SESSION_BUS_ADDRESS=$(echo "$BUS_OUT" | sed -n 1p)
 BUS=$(echo "$BUS_OUT" | sed -n 2p)
 LOG=$W/engine.log
-startEngine() {  # startEngine LOG: skerrowd -userApp on the bench's store, its log lines stamped
+startEngine() {  # startEngine LOG [realtime]: skerrowd -userApp on the bench's store, its log lines stamped
+  local realtime=-noRealtime
+  [[ ${2:-} == realtime ]] && realtime=""
   ( env HOME="$W/engine" SKERROW_LOG_STDERR=1 LD_PRELOAD="$NSS" NSS_WRAPPER_PASSWD="$W/passwd" \
-        NSS_WRAPPER_GROUP="$W/group" "$BUILD/bin/skerrowd" -userApp -noSchedule -noRealtime 2>&1 |
+        NSS_WRAPPER_GROUP="$W/group" "$BUILD/bin/skerrowd" -userApp -noSchedule $realtime 2>&1 |
       while IFS= read -r line; do printf '%s %s\n' "$(date +%s.%N)" "$line"; done > "$1" ) &
   sleep 0.5
   ENGINE=$(pgrep -n -f "$BUILD/bin/skerrowd -userApp" || true)
@@ -161,6 +170,42 @@ COLD=$(median "${COLDS[@]}")
 FLOOR=$("$BUILD/bench/skerrow_bench_walk_floor" "$HOME_DIR" "$W/disk/qs skerrow.skstor/$BENCH_UID" 3)
 STORED=$(find "$W/disk/qs skerrow.skstor" -type f -name '*@0*' | wc -l)
 
+if [[ $WARM == 1 ]]; then
+  echo "== skerrowd with continuous backup: warm passes"
+  # rsync's own copy, for the same change as the engine's below.
+  rsync -a "$HOME_DIR/" "$W/disk/rsync/"; sync
+  WLOG=$W/engine-warm.log
+  # The first pass after a start reads everything (and keeps what it read);
+  # the ones after it are warm.
+  startEngine "$WLOG" realtime
+  awaitSaves "$WLOG" $((RUNS + 1))
+  WARMS=()
+  for k in $(seq 2 $((RUNS + 1))); do WARMS+=("$(passTime "$WLOG" "$k")"); done
+  WARM_PASS=$(median "${WARMS[@]}")
+  CHANGED=() RSYNC_CHANGED=() COPIED=()
+  mapfile -t ALL_FILES < <(find "$HOME_DIR" -type f | sort)
+  for r in $(seq 1 "$RUNS"); do
+    done_saves=$(saves "$WLOG")
+    before=$(find "$W/disk/qs skerrow.skstor" -type f | wc -l)
+    # 100 files, a new modification time each (continuous backup copies
+    # closed writes, not this: the pass does the copying).
+    for i in $(seq 0 99); do
+      touch -m -d "@$((1700000000 + r * 86400 + i))" "${ALL_FILES[$(( (r * 7919 + i * 104729) % ${#ALL_FILES[@]} ))]}"
+    done
+    awaitSaves "$WLOG" $((done_saves + 1))
+    CHANGED+=("$(passTime "$WLOG" $((done_saves + 1)))")
+    COPIED+=($(( $(find "$W/disk/qs skerrow.skstor" -type f | wc -l) - before )))
+    t0=$(now); rsync -a "$HOME_DIR/" "$W/disk/rsync/"; t1=$(now)
+    RSYNC_CHANGED+=("$(elapsed "$t0" "$t1")")
+  done
+  WARM_HWM=$(awk '/VmHWM/ {print $2}' "/proc/$ENGINE/status")
+  sleep 2
+  WARM_RSS=$(awk '/VmRSS/ {print $2}' "/proc/$ENGINE/status")
+  WARM_READ=$(grep -c "Walked .* warm" "$WLOG" || true)
+  stopEngine
+  rm -rf "$W/disk/rsync"
+fi
+
 echo
 printf "%-44s %8.2f s\n" "cp -a + sync -f" "$CP"
 printf '%-44s %8.2f s   (%sx cp)\n' "skerrowd first backup (incl. syncfs)" "$FIRST" "$(ratio "$FIRST" "$CP")"
@@ -173,5 +218,17 @@ printf '%-44s %8.1f MiB\n' "skerrowd peak RSS, first backup and 2 passes" "$(rat
 printf '%-44s %8.1f MiB\n' "skerrowd peak RSS, cold pass (median)" "$(ratio "$(median "${COLD_HWM[@]}")" 1024)"
 printf '%-44s %8.1f MiB\n' "skerrowd resident after the cold pass" "$(ratio "$(median "${COLD_RSS[@]}")" 1024)"
 printf '%-44s %8d\n' "versioned copies on the disk" "$STORED"
+if [[ $WARM == 1 ]]; then
+  printf '%-44s %8.3f s   (%sx rsync; runs: %s)\n' "skerrowd warm pass, nothing to copy" "$WARM_PASS" \
+    "$(ratio "$WARM_PASS" "$RSYNC")" "${WARMS[*]}"
+  CHANGED_PASS=$(median "${CHANGED[@]}") RSYNC_CHANGE=$(median "${RSYNC_CHANGED[@]}")
+  printf '%-44s %8.3f s   (runs: %s; copies made: %s)\n' "skerrowd warm pass after 100 files changed" \
+    "$CHANGED_PASS" "${CHANGED[*]}" "${COPIED[*]}"
+  printf '%-44s %8.3f s   (runs: %s)\n' "rsync -a after the same change" "$RSYNC_CHANGE" "${RSYNC_CHANGED[*]}"
+  printf '%-44s %8s\n' "  ratio" "$(ratio "$CHANGED_PASS" "$RSYNC_CHANGE")x"
+  printf '%-44s %8.1f MiB\n' "skerrowd peak RSS, warm passes" "$(ratio "$WARM_HWM" 1024)"
+  printf '%-44s %8.1f MiB\n' "skerrowd resident after them" "$(ratio "$WARM_RSS" 1024)"
+  printf '%-44s %8d\n' "walks that were warm (log lines)" "$WARM_READ"
+fi
 echo
 echo "$FLOOR"

@@ -1,11 +1,13 @@
 #include "Engine/server/QSSkerrowServer.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <mutex>
 
 #include "Engine/files/QSBlackList.h"
 #include "Engine/files/QSCreationDateCache.h"
 #include "Engine/files/QSFSNodeStack.h"
+#include "Engine/files/QSWarmWalk.h"
 #include "Engine/records/QSVolumeFunctions.h"
 #include "platform/Deadline.h"
 #include "platform/Exception.h"
@@ -90,8 +92,21 @@ void QSSkerrowServer::init(const QSServerEnvironment& environment) {
   followSchedule_ = true;
   withoutContinuousBackup_ = false;
   bool userApp = false;
-  for (const std::string& argument : environment.arguments) {
-    if (QSNameIs(argument, "-userApp")) {
+  const auto& arguments = environment.arguments;
+  for (size_t i = 0; i < arguments.size(); ++i) {
+    const std::string& argument = arguments[i];
+    if (QSNameIs(argument, "-fullWalkHours") && i + 1 < arguments.size()) {
+      const std::string& value = arguments[++i];
+      char* end = nullptr;
+      const double hours = std::strtod(value.c_str(), &end);
+      if (end == value.c_str() || *end != '\0' || !(hours >= 0)) {
+        platform::Log::format("-fullWalkHours wants a number of hours, not \"%s\": left at %g", value.c_str(),
+                              QSWarmWalk::fullWalkInterval() / 3600);
+      } else {
+        QSWarmWalk::setFullWalkInterval(hours * 3600);
+        platform::Log::format("Backup engine configured to read every folder at least every %g hours", hours);
+      }
+    } else if (QSNameIs(argument, "-userApp")) {
       userApp = true;
       dbDir_ = environment.invokingUserHome + kUserStoreSuffix;
       platform::Log::format("Backup engine configured with the database at %s", dbDir_.c_str());

@@ -94,12 +94,20 @@ class QSSkerrowServer : public platform::Object,
   bool followSchedule() const { return followSchedule_; }
   bool supportsContinuousBackup() const override { return !withoutContinuousBackup_.load(); }
   // One-way from a client: changes the answer of supportsContinuousBackup only.
-  void setSupportsContinuousBackup(bool supports) { withoutContinuousBackup_.store(!supports); }
+  // Switching it off also ends warm walks: without continuous backup the
+  // engine does not rely on the watcher.
+  void setSupportsContinuousBackup(bool supports);
 
   // The watcher's events (its thread): handed unchanged to the second stage.
   void handleFSEvent(const std::shared_ptr<const QSFSWatcherEvent>& event) override;
   // Remembers the file system for a backup of its homes at the next timer tick.
   void fsWatcherDidDropEventsOnDevice(uint64_t device) override;
+  // Every change the watcher read (its thread): noted in the change journal.
+  void fsWatcherDidSeeChange(const platform::FileSystemEvent& event) override;
+  // The change journal's synchronizer while continuous backup is on: the
+  // homes and the backup folders of the disks mounted now are watched and
+  // followed, and the watcher catches up with every change made so far.
+  bool synchronizeChangeJournal();
   // The watcher started at start-up, or nothing.
   const std::shared_ptr<QSFSWatcher>& watcher() const { return watcher_; }
 
@@ -219,6 +227,10 @@ class QSSkerrowServer : public platform::Object,
   void keepUnreadableDatabaseAside();
   void startWatcher(const std::shared_ptr<QSFSWatcher>& watcher);
   void watchHomeOfUser(const std::string& userName);
+  // Gives the change journal its synchronizer, or takes it away, as continuous backup is on or off.
+  void updateChangeJournal();
+  // Stops watching and following the backup folder of the disk at `mountPath`.
+  void forgetBackupFolderOnDiskAt(const std::string& mountPath);
   // Starts a backup of every scheduled entry whose home lies on a file system
   // that dropped events since the last tick; answers their uids.
   std::set<std::string> startBackupsAfterDroppedEvents();

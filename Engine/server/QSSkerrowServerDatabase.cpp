@@ -222,6 +222,7 @@ void QSSkerrowServer::diskDidAppearWithBSDName_mountPath_onVolume(const std::str
 
 void QSSkerrowServer::diskDidDisapperAtMountPoint(const std::string& mountPath) {
   platform::Log::format("Disk at %s disappeared", mountPath.c_str());
+  forgetBackupFolderOnDiskAt(mountPath);
   for (const auto& [uid, entry] : backupEntryMap_.snapshot()) {
     if (!likeMatch(entry->mountPoint(), mountPath)) continue;
     if (entry->isPersistent()) {
