@@ -51,18 +51,9 @@ platform::Directory* FSDepthFirstTraversal::Folder::open() {
   return directory_.get();
 }
 
-bool FSDepthFirstTraversal::takeListing(const std::string& path, std::vector<QSWalkMemo::Item>* items) {
-  if (!earlier_ || changed_->listingChanged(path)) return false;
-  const auto listing = earlier_->listingOf(path);
-  if (!listing) return false;
-  items->reserve(listing->size());
-  for (size_t i = 0; i < listing->size(); ++i)
-    items->push_back({std::string(listing->nameAt(i)), listing->attributesAt(i)});
-  return true;
-}
-
-void FSDepthFirstTraversal::record(const std::string& path, const std::vector<QSWalkMemo::Item>& items) {
-  if (next_) next_->addListing(path, items);
+std::optional<QSWalkMemo::Listing> FSDepthFirstTraversal::reusableListing(const std::string& path) const {
+  if (!earlier_ || changed_->listingChanged(path)) return std::nullopt;
+  return earlier_->listingOf(path);
 }
 
 std::string FSDepthFirstTraversal::join(const std::string& folder, const std::string& name) {

@@ -74,18 +74,19 @@ class FSDepthFirstTraversal {
   bool shouldStop() const;
   // The attributes of the walk's top item (not followed).
   static bool topAttributes(const std::string& path, platform::FileAttributes* attributes, bool preferStoredCreationDate);
-  // The listing of `folder`: from the earlier memo when it may stand,
-  // otherwise read with `read` (which fills the items from the open folder);
-  // recorded in the new memo either way.  False when it cannot be read.
-  template <typename Read>
-  bool listing(Folder& folder, std::vector<QSWalkMemo::Item>* items, Read read);
+  // Calls `each(name, attributes)` for every entry of `folder`, in listing
+  // order: taken from the earlier memo when it may stand, otherwise read
+  // whole with `read` (which fills the items from the open folder) before
+  // the first is visited; recorded in the new memo either way.  A folder
+  // that cannot be opened has no entries.
+  template <typename Read, typename Each>
+  void forEachEntry(Folder& folder, Read read, Each each);
   static std::string join(const std::string& folder, const std::string& name);
 
   FSVisitor* visitor_ = nullptr;
 
  private:
-  bool takeListing(const std::string& path, std::vector<QSWalkMemo::Item>* items);
-  void record(const std::string& path, const std::vector<QSWalkMemo::Item>& items);
+  std::optional<QSWalkMemo::Listing> reusableListing(const std::string& path) const;
 
   std::shared_ptr<platform::OVThread> currentThread_;
   mutable bool wasStopped_ = false;
@@ -97,19 +98,29 @@ class FSDepthFirstTraversal {
   size_t foldersReused_ = 0;
 };
 
-template <typename Read>
-bool FSDepthFirstTraversal::listing(Folder& folder, std::vector<QSWalkMemo::Item>* items, Read read) {
-  items->clear();
-  if (takeListing(folder.path(), items)) {
+template <typename Read, typename Each>
+void FSDepthFirstTraversal::forEachEntry(Folder& folder, Read read, Each each) {
+  if (const auto listing = reusableListing(folder.path())) {
     ++foldersReused_;
-  } else {
-    platform::Directory* directory = folder.open();
-    if (!directory) return false;
-    ++foldersRead_;
-    read(*directory, items);
-    // A listing cut short by a stop is not a listing of the folder.
-    if (shouldStop()) return false;
+    if (next_) next_->addListing(folder.path(), *listing);
+    std::string name;
+    for (size_t i = 0; i < listing->size(); ++i) {
+      if (shouldStop()) return;
+      name.assign(listing->nameAt(i));
+      each(name, listing->attributesAt(i));
+    }
+    return;
   }
-  record(folder.path(), *items);
-  return true;
+  platform::Directory* directory = folder.open();
+  if (!directory) return;
+  ++foldersRead_;
+  std::vector<QSWalkMemo::Item> items;
+  read(*directory, &items);
+  // A listing cut short by a stop is not a listing of the folder.
+  if (shouldStop()) return;
+  if (next_) next_->addListing(folder.path(), items);
+  for (const auto& item : items) {
+    if (shouldStop()) return;
+    each(item.name, item.attributes);
+  }
 }

@@ -46,31 +46,30 @@ void FSDestinationTraversal::visit(Folder* parent, const std::string& name, cons
     return;
   }
   Folder folder(parent, name, path);
-  std::vector<QSWalkMemo::Item> items;
-  listing(folder, &items, [this](platform::Directory& directory, std::vector<QSWalkMemo::Item>* read) {
-    std::string entry;
-    while (!shouldStop() && directory.readEntry(&entry)) {
-      platform::FileAttributes a;
-      if (!copyAttributes(directory, entry, &a)) continue;
-      // A folder is visited with its own stored creation date, as the walk's top item is.
-      if (a.isDirectory() && !directory.attributesOf(entry, &a, true)) continue;
-      read->push_back({entry, a});
-    }
-  });
   QSCaseInsensitiveMultiMap<std::shared_ptr<QSFSVersion>> groups;
-  for (const auto& item : items) {
-    if (shouldStop()) break;
-    const platform::FileAttributes& a = item.attributes;
-    if (a.isRegularFile() || a.isSymbolicLink()) {
-      const auto parsed = QSParseFileName(item.name);
-      if (!parsed) continue;
-      auto version = QSFSVersion::versionWithFileName_attributes(item.name, QSFSFileAttributes::fromStoredCopyAttributes(a));
-      if (!version) continue;
-      groups.addObject_forKey(std::move(version), (*parsed)[0]);
-    } else if (a.isDirectory()) {
-      visit(&folder, item.name, join(path, item.name), a);
-    }
-  }
+  forEachEntry(
+      folder,
+      [this](platform::Directory& directory, std::vector<QSWalkMemo::Item>* read) {
+        std::string entry;
+        while (!shouldStop() && directory.readEntry(&entry)) {
+          platform::FileAttributes a;
+          if (!copyAttributes(directory, entry, &a)) continue;
+          // A folder is visited with its own stored creation date, as the walk's top item is.
+          if (a.isDirectory() && !directory.attributesOf(entry, &a, true)) continue;
+          read->push_back({entry, a});
+        }
+      },
+      [&](const std::string& entry, const platform::FileAttributes& a) {
+        if (a.isRegularFile() || a.isSymbolicLink()) {
+          const auto parsed = QSParseFileName(entry);
+          if (!parsed) return;
+          auto version = QSFSVersion::versionWithFileName_attributes(entry, QSFSFileAttributes::fromStoredCopyAttributes(a));
+          if (!version) return;
+          groups.addObject_forKey(std::move(version), (*parsed)[0]);
+        } else if (a.isDirectory()) {
+          visit(&folder, entry, join(path, entry), a);
+        }
+      });
   for (const std::string& key : groups.keyEnumerator()) {
     const QSFSVersionArray& versions = *groups.objectsForKey(key);
     const std::string groupPath = join(path, key);

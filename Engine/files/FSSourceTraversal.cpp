@@ -35,17 +35,17 @@ void FSSourceTraversal::visit(Folder* parent, const std::string& name, const std
   if (attributes.isDirectory()) {
     if (visitor_->startVisitAtPath_attributes(path, attributes)) {
       Folder folder(parent, name, path);
-      std::vector<QSWalkMemo::Item> items;
-      listing(folder, &items, [this](platform::Directory& directory, std::vector<QSWalkMemo::Item>* read) {
-        std::string entry;
-        platform::FileAttributes a;
-        while (!shouldStop() && directory.readEntry(&entry))
-          if (directory.attributesOf(entry, &a, false)) read->push_back({entry, a});
-      });
-      for (const auto& item : items) {
-        if (shouldStop()) break;
-        visit(&folder, item.name, join(path, item.name), item.attributes);
-      }
+      forEachEntry(
+          folder,
+          [this](platform::Directory& directory, std::vector<QSWalkMemo::Item>* read) {
+            std::string entry;
+            platform::FileAttributes a;
+            while (!shouldStop() && directory.readEntry(&entry))
+              if (directory.attributesOf(entry, &a, false)) read->push_back({entry, a});
+          },
+          [&](const std::string& entry, const platform::FileAttributes& a) {
+            visit(&folder, entry, join(path, entry), a);
+          });
     }
     visitor_->finishVisitAtPath_attributes(path, attributes);
   } else if (attributes.isRegularFile() || attributes.isSymbolicLink()) {

@@ -1,5 +1,6 @@
 #include "Engine/files/QSWalkMemo.h"
 
+#include <algorithm>
 #include <limits>
 
 std::string_view QSWalkMemo::Listing::nameAt(size_t i) const {
@@ -45,19 +46,62 @@ void QSWalkMemo::addListing(const std::string& folder, const std::vector<Item>& 
   folders_[folder] = range;
 }
 
+void QSWalkMemo::addListing(const std::string& folder, const Listing& listing) {
+  const Range range{static_cast<uint32_t>(entries_.size()), static_cast<uint32_t>(listing.size())};
+  if (listing.size() != 0) {
+    const QSWalkMemo& from = *listing.memo_;
+    const Entry* first = &from.entries_[listing.first_];
+    const Entry* last = first + listing.size() - 1;
+    // The listing's names lie side by side in its memo, in entry order.
+    const uint32_t nameStart = first->nameOffset;
+    const uint32_t nameEnd = last->nameOffset + last->nameLength;
+    const uint32_t shift = static_cast<uint32_t>(names_.size());
+    const std::string_view names = std::string_view(from.names_).substr(nameStart, nameEnd - nameStart);
+    const size_t at = entries_.size();
+    entries_.insert(entries_.end(), first, last + 1);
+    names_.append(names);
+    for (size_t i = at; i < entries_.size(); ++i) entries_[i].nameOffset = entries_[i].nameOffset - nameStart + shift;
+  }
+  folders_[folder] = range;
+}
+
 std::optional<QSWalkMemo::Listing> QSWalkMemo::listingOf(const std::string& folder) const {
-  const auto it = folders_.find(folder);
-  if (it == folders_.end()) return std::nullopt;
-  return Listing(this, it->second.first, it->second.count);
+  // A listing added after the index was packed is the newer one.
+  if (const auto it = folders_.find(folder); it != folders_.end())
+    return Listing(this, it->second.first, it->second.count);
+  const auto it = std::lower_bound(sealed_.begin(), sealed_.end(), std::string_view(folder),
+                                   [this](const SealedFolder& f, std::string_view path) { return sealedPath(f) < path; });
+  if (it == sealed_.end() || sealedPath(*it) != folder) return std::nullopt;
+  return Listing(this, it->range.first, it->range.count);
 }
 
 size_t QSWalkMemo::byteCount() const {
   size_t bytes = entries_.capacity() * sizeof(Entry) + names_.capacity();
+  bytes += sealed_.capacity() * sizeof(SealedFolder) + sealedPaths_.capacity();
   for (const auto& [path, range] : folders_) bytes += sizeof(range) + path.capacity() + 48;
   return bytes;
 }
 
+void QSWalkMemo::reserve(size_t items, size_t nameBytes, size_t folders) {
+  entries_.reserve(items);
+  names_.reserve(nameBytes);
+  folders_.reserve(folders);
+}
+
 void QSWalkMemo::shrinkToFit() {
-  entries_.shrink_to_fit();
-  names_.shrink_to_fit();
+  // Each shrink is a copy: worth it only for room of more than an eighth.
+  if (entries_.capacity() > entries_.size() + entries_.size() / 8) entries_.shrink_to_fit();
+  if (names_.capacity() > names_.size() + names_.size() / 8) names_.shrink_to_fit();
+  if (folders_.empty()) return;
+  size_t pathBytes = sealedPaths_.size();
+  for (const auto& [path, range] : folders_) pathBytes += path.size();
+  sealed_.reserve(sealed_.size() + folders_.size());
+  sealedPaths_.reserve(pathBytes);
+  for (const auto& [path, range] : folders_) {
+    sealed_.push_back({static_cast<uint32_t>(sealedPaths_.size()), static_cast<uint32_t>(path.size()), range});
+    sealedPaths_ += path;
+  }
+  std::sort(sealed_.begin(), sealed_.end(),
+            [this](const SealedFolder& a, const SealedFolder& b) { return sealedPath(a) < sealedPath(b); });
+  std::unordered_map<std::string, Range>().swap(folders_);
 }

@@ -49,6 +49,8 @@ class QSWalkMemo {
   // Records the listing of the folder at `folder` (the folder's path, as
   // the walk names it).  A folder listed twice keeps its second listing.
   void addListing(const std::string& folder, const std::vector<Item>& items);
+  // Records, as the listing of `folder`, a listing of another memo (or of this one).
+  void addListing(const std::string& folder, const Listing& listing);
   // The listing of the folder at `folder`; nothing when it was not listed.
   std::optional<Listing> listingOf(const std::string& folder) const;
 
@@ -64,13 +66,20 @@ class QSWalkMemo {
   template <typename Each>
   void enumerateFolders(Each each) const {
     for (const auto& [path, range] : folders_) each(path);
+    for (const auto& folder : sealed_) each(std::string(sealedPath(folder)));
   }
 
-  size_t folderCount() const { return folders_.size(); }
+  size_t folderCount() const { return folders_.size() + sealed_.size(); }
   size_t itemCount() const { return entries_.size(); }
   // Bytes held, about.
   size_t byteCount() const;
-  // Gives back the room made ahead and not used.
+  // Makes room ahead for about `items` entries in `folders` folders whose names take `nameBytes`.
+  void reserve(size_t items, size_t nameBytes, size_t folders);
+  size_t nameByteCount() const { return names_.size(); }
+  // Gives back the room made ahead and not used, when it is more than a
+  // little, and packs the folders' index into two blocks (a map of a node
+  // per folder, made while the walk made its tree, would leave one small
+  // block on each of thousands of pages once the tree is gone).
   void shrinkToFit();
 
  private:
@@ -91,9 +100,20 @@ class QSWalkMemo {
     uint32_t count;
   };
 
+  struct SealedFolder {
+    uint32_t pathOffset;
+    uint32_t pathLength;
+    Range range;
+  };
+  std::string_view sealedPath(const SealedFolder& folder) const {
+    return std::string_view(sealedPaths_).substr(folder.pathOffset, folder.pathLength);
+  }
+
   std::vector<Entry> entries_;
   std::string names_;
-  std::unordered_map<std::string, Range> folders_;
+  std::unordered_map<std::string, Range> folders_;  // while listings are added
+  std::vector<SealedFolder> sealed_;                // after shrinkToFit, by path
+  std::string sealedPaths_;
   uint64_t mark_ = 0;
   double fullWalkDate_ = 0;
 };

@@ -14,7 +14,8 @@ double QSWarmWalk::fullWalkInterval() { return interval.load(); }
 QSWarmWalk::QSWarmWalk(FSDepthFirstTraversal& traversal, std::string root, double now, QSChangeJournal& journal,
                        QSWalkMemos& memos)
     : traversal_(traversal), root_(std::move(root)), journal_(journal), memos_(memos) {
-  const auto mark = journal.synchronizedMark();
+  // No warm walks at all (a full-walk interval of 0): nothing to keep.
+  const auto mark = fullWalkInterval() > 0 ? journal.synchronizedMark() : std::nullopt;
   // A place the journal does not follow (or doubts now) could never be walked warm.
   if (!mark || !journal.changesSince(root_, *mark)) {
     memos_.forget(root_);
@@ -31,6 +32,11 @@ QSWarmWalk::QSWarmWalk(FSDepthFirstTraversal& traversal, std::string root, doubl
       changes_ = std::make_shared<const QSChangedFolders>(std::move(*changes));
   }
   warm_ = earlier_ && changes_ && now - earlier_->fullWalkDate() < fullWalkInterval();
+  // Room for about what the last walk read, so that the memo grows without copies.
+  if (earlier_) {
+    const auto more = [](size_t n) { return n + n / 16; };
+    next_->reserve(more(earlier_->itemCount()), more(earlier_->nameByteCount()), more(earlier_->folderCount()));
+  }
   if (warm_) {
     next_->setFullWalkDate(earlier_->fullWalkDate());
     traversal_.setMemos(earlier_, changes_, next_);
@@ -58,10 +64,11 @@ size_t QSWarmWalk::finish() {
     else
       platform::Log::format("Full walk of %s: nothing the warm walks had missed", root_.c_str());
   }
-  if (warm_)
-    platform::Log::format("Walked %s warm: %zu folders read, %zu as the last walk left them", root_.c_str(),
-                          traversal_.foldersRead(), traversal_.foldersReused());
   next_->shrinkToFit();
+  if (warm_)
+    platform::Log::format("Walked %s warm: %zu folders read, %zu as the last walk left them (kept: %zu items, %zu KiB)",
+                          root_.c_str(), traversal_.foldersRead(), traversal_.foldersReused(), next_->itemCount(),
+                          next_->byteCount() / 1024);
   memos_.keep(root_, std::move(next_));
   return missed;
 }

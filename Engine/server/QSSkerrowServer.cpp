@@ -13,6 +13,7 @@
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
+#include "platform/Memory.h"
 #include "platform/Process.h"
 #include "platform/Workspace.h"
 
@@ -89,6 +90,8 @@ bool QSSkerrowServer::stopPipeline(std::chrono::milliseconds timeout) {
 platform::Date QSSkerrowServer::now() const { return clock_ ? clock_() : platform::Date::now(); }
 
 void QSSkerrowServer::init(const QSServerEnvironment& environment) {
+  // The trees, recordings and memos of each backup are large and short-lived.
+  platform::Memory::keepLargeBlocksApart();
   followSchedule_ = true;
   withoutContinuousBackup_ = false;
   bool userApp = false;

@@ -201,7 +201,7 @@ std::vector<std::string> contentsOf(const std::string& folder) {
   return out;
 }
 
-class Differential : public ::testing::Test {
+class WarmPassDifferentialTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (::geteuid() != 0) GTEST_SKIP() << "the watcher needs root";
@@ -370,7 +370,7 @@ class Differential : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(Differential, WarmPassesGiveTheSameCallsTalliesAndCopiesAsPassesThatWalkEverything) {
+TEST_F(WarmPassDifferentialTest, WarmPassesGiveTheSameCallsTalliesAndCopiesAsPassesThatWalkEverything) {
   // The same home on both twins.
   std::vector<Change> start;
   for (const char* folder : {"home/Documents", "home/Pictures", "home/Music", "home/Documents/Old", "home/Other"})

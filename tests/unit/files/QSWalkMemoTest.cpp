@@ -72,3 +72,49 @@ TEST(QSWalkMemoTest, TheMarkIsTheOnesGiven) {
   memo.setMark(42);
   EXPECT_EQ(memo.mark(), 42u);
 }
+
+TEST(QSWalkMemoTest, AListingTakenFromAnotherMemoKeepsItsNamesAndAttributes) {
+  QSWalkMemo earlier;
+  earlier.addListing("/a", {{"first", fileOf(1, 10, 100)}});
+  earlier.addListing("/b", {{"x.txt", fileOf(2, 20, 200)}, {"a longer name than fifteen bytes", fileOf(3, 30, 300)}});
+  QSWalkMemo next;
+  next.reserve(4, 64, 2);
+  next.addListing("/new", {{"own", fileOf(9, 90, 900)}});
+  next.addListing("/b", *earlier.listingOf("/b"));
+  earlier.addListing("/e", {});
+  next.addListing("/e", *earlier.listingOf("/e"));
+  const auto b = next.listingOf("/b");
+  ASSERT_TRUE(b.has_value());
+  EXPECT_TRUE(*b == *earlier.listingOf("/b"));
+  EXPECT_EQ(b->nameAt(0), "x.txt");
+  EXPECT_EQ(b->nameAt(1), "a longer name than fifteen bytes");
+  EXPECT_EQ(b->attributesAt(1).size, 3u);
+  EXPECT_EQ(next.listingOf("/new")->nameAt(0), "own");
+  EXPECT_FALSE(*next.listingOf("/new") == *earlier.listingOf("/a"));
+  EXPECT_EQ(next.listingOf("/e")->size(), 0u);
+  EXPECT_EQ(next.itemCount(), 3u);
+}
+
+TEST(QSWalkMemoTest, ListingsAreFoundAlikeBeforeAndAfterTheIndexIsPacked) {
+  QSWalkMemo memo;
+  for (int i = 0; i < 50; ++i)
+    memo.addListing("/home/ann/d" + std::to_string(i), {{"f" + std::to_string(i), fileOf(static_cast<uint64_t>(i), 1, 1)}});
+  memo.shrinkToFit();
+  EXPECT_EQ(memo.folderCount(), 50u);
+  for (int i = 0; i < 50; ++i) {
+    const auto listing = memo.listingOf("/home/ann/d" + std::to_string(i));
+    ASSERT_TRUE(listing.has_value()) << i;
+    EXPECT_EQ(listing->nameAt(0), "f" + std::to_string(i));
+    EXPECT_EQ(listing->attributesAt(0).size, static_cast<uint64_t>(i));
+  }
+  EXPECT_FALSE(memo.listingOf("/home/ann/d50").has_value());
+  EXPECT_FALSE(memo.listingOf("/home/ann").has_value());
+  // Added after: found, and newer than a packed listing of the same folder.
+  memo.addListing("/home/ann/d7", {{"again", fileOf(70, 1, 1)}});
+  memo.addListing("/home/ann/new", {});
+  EXPECT_EQ(memo.listingOf("/home/ann/d7")->nameAt(0), "again");
+  EXPECT_TRUE(memo.listingOf("/home/ann/new").has_value());
+  size_t enumerated = 0;
+  memo.enumerateFolders([&](const std::string&) { ++enumerated; });
+  EXPECT_EQ(enumerated, 52u);
+}
