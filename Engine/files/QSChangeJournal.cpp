@@ -1,5 +1,7 @@
 #include "Engine/files/QSChangeJournal.h"
 
+#include <algorithm>
+
 namespace {
 
 bool isAtOrBelow(const std::string& path, const std::string& top) {
@@ -61,6 +63,13 @@ void QSChangeJournal::forgetIfFull() {
   folders_.clear();
   subtrees_.clear();
   forgottenAt_ = clock_;
+}
+
+void QSChangeJournal::noteOwnFolder(const std::string& folder) {
+  std::string path = folder;
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  std::lock_guard<std::mutex> lock(lock_);
+  if (std::find(ownFolders_.begin(), ownFolders_.end(), path) == ownFolders_.end()) ownFolders_.push_back(path);
 }
 
 void QSChangeJournal::noteEvent(const platform::FileSystemEvent& event) {
@@ -137,6 +146,11 @@ std::optional<QSChangedFolders> QSChangeJournal::changesSince(const std::string&
     if (when > mark && isAtOrBelow(path, root)) changes.addFolder(path);
   for (const auto& [path, when] : subtrees_)
     if (when > mark && (isAtOrBelow(path, root) || isAtOrBelow(root, path))) changes.addSubtree(path);
+  for (const auto& own : ownFolders_) {
+    if (!isAtOrBelow(own, root) && !isAtOrBelow(root, own)) continue;
+    changes.addSubtree(own);
+    changes.addFolder(folderOf(own));
+  }
   return changes;
 }
 

@@ -63,6 +63,10 @@ class QSChangeJournal {
   void unfollow(const std::string& root);
   bool isFollowing(const std::string& root) const;
 
+  // The engine writes at and below `folder` itself without telling (its
+  // own store, when it lies in a home): the folder, everything below it and
+  // the folder above it count as changed whatever the mark.
+  void noteOwnFolder(const std::string& folder);
   // One change the watcher reported: creations, deletions and both sides of
   // renames are structural changes; writes and attribute changes are
   // content changes; a notice of lost events casts doubt on every root.
@@ -112,4 +116,5 @@ class QSChangeJournal {
   std::shared_ptr<const std::function<bool()>> synchronize_;
   std::unordered_map<std::string, Mark> folders_;   // listing changed
   std::unordered_map<std::string, Mark> subtrees_;  // everything at and below changed
+  std::vector<std::string> ownFolders_;
 };

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "Engine/files/QSBlackList.h"
+#include "Engine/files/QSChangeJournal.h"
 #include "Engine/files/QSCreationDateCache.h"
 #include "Engine/files/QSFSNodeStack.h"
 #include "Engine/files/QSWarmWalk.h"
@@ -139,6 +140,8 @@ void QSSkerrowServer::init(const QSServerEnvironment& environment) {
     platform::FileManager::insureDirectoryAtPath(dbDir_);
   // The creation dates of stored copies are kept beside the database.
   QSCreationDateCache::setStoreFolder(dbDir_);
+  // The engine's own writes are never heard of; its store may lie in a home (-userApp).
+  QSChangeJournal::shared().noteOwnFolder(dbDir_);
 
   converterFactory_ = environment.converterFactory;
   clock_ = environment.clock;

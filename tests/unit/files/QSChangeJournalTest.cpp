@@ -221,3 +221,17 @@ TEST(QSChangeJournalTest, TheWatchersEventsAreNotedByKind) {
   EXPECT_FALSE(journal.changesSince("/home/ann", mark).has_value());
 }
 
+
+TEST(QSChangeJournalTest, TheEnginesOwnFolderInAHomeCountsAsChangedWhateverTheMark) {
+  QSChangeJournal journal;
+  journal.follow("/home/ann");
+  journal.noteOwnFolder("/home/ann/Library/Application Support/Vornhalden/");
+  const auto changes = changesSince(journal, "/home/ann", journal.now());
+  EXPECT_TRUE(changes.listingChanged("/home/ann/Library/Application Support/Vornhalden"));
+  EXPECT_TRUE(changes.listingChanged("/home/ann/Library/Application Support/Vornhalden/caches"));
+  EXPECT_TRUE(changes.listingChanged("/home/ann/Library/Application Support"));
+  EXPECT_FALSE(changes.listingChanged("/home/ann/Library"));
+  EXPECT_FALSE(changes.listingChanged("/home/ann/Documents"));
+  journal.follow("/home/bob");
+  EXPECT_TRUE(changesSince(journal, "/home/bob", journal.now()).empty());
+}
