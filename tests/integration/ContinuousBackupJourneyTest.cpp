@@ -3,6 +3,7 @@
 // backup on a second loop-mounted ext4 disk, and skerrowctl run as ann.
 // Each test follows what she does and checks what she sees: skerrowctl's
 // output and exit status, the files on the backup disk, the engine's log.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 
@@ -268,4 +269,26 @@ TEST_F(ContinuousBackupJourney, ADroppedEventsNoticeIsFollowedByABackupAtTheNext
     EXPECT_EQ(readFile(backup + "/Documents/batch/f" + std::to_string(i) + "@0.txt"), "batch " + std::to_string(i));
   EXPECT_EQ(readFile(backup + "/Documents/report@1.txt"), "Changed while nobody listened.\n");
   EXPECT_FALSE(std::filesystem::exists(backup + "/build"));
+}
+
+// With continuous backup on, a backup reads again only the folders the
+// watcher saw change; a file whose modification time alone changed (which
+// continuous backup does not copy) is still found by that backup and stored.
+TEST_F(ContinuousBackupJourney, ABackupAfterContinuousBackupRanReadsOnlyChangedFoldersAndStillStoresWhatChanged) {
+  manageAndBackUp();
+  const Outcome unchanged = ctl({"backup"});
+  ASSERT_EQ(unchanged.status, 0) << unchanged.output;
+  ASSERT_TRUE(engine->waitForLogLine("Walked " + home + " warm: 0 folders read", 30s)) << engine->logText();
+  ASSERT_TRUE(engine->waitForLogLine("Walked " + backup + " warm", 30s)) << engine->logText();
+
+  const std::string song = home + "/Music/song.mp3";
+  const timespec times[2] = {{1600000000, 0}, {1600000000, 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, song.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+  const Outcome changed = ctl({"backup"});
+  ASSERT_EQ(changed.status, 0) << changed.output;
+  EXPECT_TRUE(engine->waitForLogLine("Walked " + home + " warm: 1 folders read", 30s)) << engine->logText();
+  EXPECT_EQ(readFile(backup + "/Music/" + QSVersionName("song.mp3", 1)), "la la la\n");
+  struct stat stored {};
+  ASSERT_EQ(::stat((backup + "/Music/" + QSVersionName("song.mp3", 1)).c_str(), &stored), 0);
+  EXPECT_EQ(stored.st_mtim.tv_sec, 1600000000);
 }
