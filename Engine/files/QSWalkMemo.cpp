@@ -56,10 +56,17 @@ void QSWalkMemo::addListing(const std::string& folder, const Listing& listing) {
     const uint32_t nameStart = first->nameOffset;
     const uint32_t nameEnd = last->nameOffset + last->nameLength;
     const uint32_t shift = static_cast<uint32_t>(names_.size());
-    const std::string_view names = std::string_view(from.names_).substr(nameStart, nameEnd - nameStart);
     const size_t at = entries_.size();
-    entries_.insert(entries_.end(), first, last + 1);
-    names_.append(names);
+    if (&from == this) {
+      // Copied out first: growing would move what is being copied.
+      const std::vector<Entry> entries(first, last + 1);
+      const std::string names = names_.substr(nameStart, nameEnd - nameStart);
+      entries_.insert(entries_.end(), entries.begin(), entries.end());
+      names_.append(names);
+    } else {
+      entries_.insert(entries_.end(), first, last + 1);
+      names_.append(std::string_view(from.names_).substr(nameStart, nameEnd - nameStart));
+    }
     for (size_t i = at; i < entries_.size(); ++i) entries_[i].nameOffset = entries_[i].nameOffset - nameStart + shift;
   }
   folders_[folder] = range;

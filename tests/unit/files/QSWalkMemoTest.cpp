@@ -118,3 +118,12 @@ TEST(QSWalkMemoTest, ListingsAreFoundAlikeBeforeAndAfterTheIndexIsPacked) {
   memo.enumerateFolders([&](const std::string&) { ++enumerated; });
   EXPECT_EQ(enumerated, 52u);
 }
+
+TEST(QSWalkMemoTest, AListingOfTheMemoItselfCanBeRecordedAgainUnderAnotherFolder) {
+  QSWalkMemo memo;
+  memo.addListing("/a", {{"one", fileOf(1, 1, 1)}, {"two", fileOf(2, 2, 2)}});
+  for (int i = 0; i < 100; ++i) memo.addListing("/copy" + std::to_string(i), *memo.listingOf("/a"));
+  EXPECT_TRUE(*memo.listingOf("/copy99") == *memo.listingOf("/a"));
+  EXPECT_EQ(memo.listingOf("/copy42")->nameAt(1), "two");
+  EXPECT_EQ(memo.itemCount(), 202u);
+}
