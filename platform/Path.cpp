@@ -39,4 +39,9 @@ std::string deletingLastPathComponent(std::string_view path) {
   return std::string(withoutTrailingSlashes(path.substr(0, slash)));
 }
 
+bool isAtOrBelow(std::string_view path, std::string_view folder) {
+  if (folder.empty() || path.substr(0, folder.size()) != folder) return false;
+  return path.size() == folder.size() || folder.back() == '/' || path[folder.size()] == '/';
+}
+
 }  // namespace platform

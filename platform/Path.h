@@ -14,5 +14,9 @@ std::string lastPathComponent(std::string_view path);
 // Everything before the last component, without a trailing slash ("/" for
 // a component directly below the root, "" for a bare name).
 std::string deletingLastPathComponent(std::string_view path);
+// Whether `path` is `folder` itself or lies below it: "/home/ann" does not
+// take in "/home/anna"; a folder given with a trailing slash ("/") takes in
+// everything that starts with it.  Nothing is at or below "".
+bool isAtOrBelow(std::string_view path, std::string_view folder);
 
 }  // namespace platform

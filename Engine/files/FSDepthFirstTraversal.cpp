@@ -56,6 +56,13 @@ std::optional<QSWalkMemo::Listing> FSDepthFirstTraversal::reusableListing(const 
   return earlier_->listingOf(path);
 }
 
+namespace {
+std::atomic<size_t> bound{65536};
+}
+
+size_t FSDepthFirstTraversal::listingBound() { return bound.load(std::memory_order_relaxed); }
+void FSDepthFirstTraversal::setListingBound(size_t entries) { bound.store(entries < 1 ? 1 : entries); }
+
 std::string FSDepthFirstTraversal::join(const std::string& folder, const std::string& name) {
   if (!folder.empty() && folder.back() == '/') return folder + name;
   return folder + "/" + name;

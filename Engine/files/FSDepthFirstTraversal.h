@@ -48,6 +48,9 @@ class FSDepthFirstTraversal {
   size_t foldersReused() const { return foldersReused_; }
   // Whether the last walk was stopped before its end (shouldStop answered true).
   bool wasStopped() const { return wasStopped_; }
+  // The most entries of one folder a walk holds at once (65,536 unless changed; tests lower it).
+  static size_t listingBound();
+  static void setListingBound(size_t entries);
 
  protected:
   // A folder of the walk, opened when first needed: relative to its
@@ -76,9 +79,13 @@ class FSDepthFirstTraversal {
   static bool topAttributes(const std::string& path, platform::FileAttributes* attributes, bool preferStoredCreationDate);
   // Calls `each(name, attributes)` for every entry of `folder`, in listing
   // order: taken from the earlier memo when it may stand, otherwise read
-  // whole with `read` (which fills the items from the open folder) before
-  // the first is visited; recorded in the new memo either way.  A folder
-  // that cannot be opened has no entries.
+  // whole with `read(directory, items, limit)` (which adds at most `limit`
+  // entries read from the open folder and answers whether the folder has
+  // no more) before the first is visited; recorded in the new memo either
+  // way.  A folder of more than listingBound() entries is visited in
+  // chunks as it is read and not recorded (a later walk reads it again), so
+  // that a walk never holds more than that many entries of one folder.  A
+  // folder that cannot be opened has no entries.
   template <typename Read, typename Each>
   void forEachEntry(Folder& folder, Read read, Each each);
   static std::string join(const std::string& folder, const std::string& name);
@@ -115,12 +122,18 @@ void FSDepthFirstTraversal::forEachEntry(Folder& folder, Read read, Each each) {
   if (!directory) return;
   ++foldersRead_;
   std::vector<QSWalkMemo::Item> items;
-  read(*directory, &items);
+  const size_t bound = listingBound();
+  bool whole = read(*directory, &items, bound);
   // A listing cut short by a stop is not a listing of the folder.
   if (shouldStop()) return;
-  if (next_) next_->addListing(folder.path(), items);
-  for (const auto& item : items) {
-    if (shouldStop()) return;
-    each(item.name, item.attributes);
+  if (whole && next_) next_->addListing(folder.path(), items);
+  for (;;) {
+    for (const auto& item : items) {
+      if (shouldStop()) return;
+      each(item.name, item.attributes);
+    }
+    if (whole) return;
+    items.clear();
+    whole = read(*directory, &items, bound);
   }
 }

@@ -49,15 +49,17 @@ void FSDestinationTraversal::visit(Folder* parent, const std::string& name, cons
   QSCaseInsensitiveMultiMap<std::shared_ptr<QSFSVersion>> groups;
   forEachEntry(
       folder,
-      [this](platform::Directory& directory, std::vector<QSWalkMemo::Item>* read) {
+      [this](platform::Directory& directory, std::vector<QSWalkMemo::Item>* read, size_t limit) {
         std::string entry;
-        while (!shouldStop() && directory.readEntry(&entry)) {
+        while (read->size() < limit) {
+          if (shouldStop() || !directory.readEntry(&entry)) return true;
           platform::FileAttributes a;
           if (!copyAttributes(directory, entry, &a)) continue;
           // A folder is visited with its own stored creation date, as the walk's top item is.
           if (a.isDirectory() && !directory.attributesOf(entry, &a, true)) continue;
           read->push_back({entry, a});
         }
+        return false;
       },
       [&](const std::string& entry, const platform::FileAttributes& a) {
         if (a.isRegularFile() || a.isSymbolicLink()) {

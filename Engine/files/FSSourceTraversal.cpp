@@ -37,11 +37,14 @@ void FSSourceTraversal::visit(Folder* parent, const std::string& name, const std
       Folder folder(parent, name, path);
       forEachEntry(
           folder,
-          [this](platform::Directory& directory, std::vector<QSWalkMemo::Item>* read) {
+          [this](platform::Directory& directory, std::vector<QSWalkMemo::Item>* read, size_t limit) {
             std::string entry;
             platform::FileAttributes a;
-            while (!shouldStop() && directory.readEntry(&entry))
+            while (read->size() < limit) {
+              if (shouldStop() || !directory.readEntry(&entry)) return true;
               if (directory.attributesOf(entry, &a, false)) read->push_back({entry, a});
+            }
+            return false;
           },
           [&](const std::string& entry, const platform::FileAttributes& a) {
             visit(&folder, entry, join(path, entry), a);

@@ -2,12 +2,9 @@
 
 #include <algorithm>
 
-namespace {
+#include "platform/Path.h"
 
-bool isAtOrBelow(const std::string& path, const std::string& top) {
-  if (path.size() < top.size() || path.compare(0, top.size(), top) != 0) return false;
-  return path.size() == top.size() || path[top.size()] == '/' || (!top.empty() && top.back() == '/');
-}
+namespace {
 
 std::string folderOf(const std::string& path) {
   const auto slash = path.find_last_of('/');
@@ -42,11 +39,11 @@ bool QSChangeJournal::isFollowing(const std::string& root) const {
 
 bool QSChangeJournal::place(const std::string& path, std::string* placed) const {
   for (const auto& [root, state] : roots_) {
-    if (isAtOrBelow(path, root)) {
+    if (platform::isAtOrBelow(path, root)) {
       *placed = path;
       return true;
     }
-    if (!state.resolved.empty() && isAtOrBelow(path, state.resolved)) {
+    if (!state.resolved.empty() && platform::isAtOrBelow(path, state.resolved)) {
       *placed = root + path.substr(state.resolved.size());
       return true;
     }
@@ -126,7 +123,7 @@ void QSChangeJournal::noteDoubtAbout(const std::string& root) {
   std::lock_guard<std::mutex> lock(lock_);
   ++clock_;
   for (auto& [followed, state] : roots_)
-    if (isAtOrBelow(followed, root) || isAtOrBelow(root, followed)) state.doubtAt = clock_;
+    if (platform::isAtOrBelow(followed, root) || platform::isAtOrBelow(root, followed)) state.doubtAt = clock_;
 }
 
 QSChangeJournal::Mark QSChangeJournal::now() const {
@@ -134,20 +131,29 @@ QSChangeJournal::Mark QSChangeJournal::now() const {
   return clock_;
 }
 
-std::optional<QSChangedFolders> QSChangeJournal::changesSince(const std::string& root, Mark mark) const {
-  std::lock_guard<std::mutex> lock(lock_);
+bool QSChangeJournal::canTellLocked(const std::string& root, Mark mark) const {
   // The followed root that holds `root` (a backup folder below a disk's followed folder, say).
   const Root* holder = nullptr;
   for (const auto& [followed, state] : roots_)
-    if (isAtOrBelow(root, followed) && (!holder || state.followedAt > holder->followedAt)) holder = &state;
-  if (!holder || holder->followedAt > mark || holder->doubtAt > mark || forgottenAt_ > mark) return std::nullopt;
+    if (platform::isAtOrBelow(root, followed) && (!holder || state.followedAt > holder->followedAt)) holder = &state;
+  return holder && holder->followedAt <= mark && holder->doubtAt <= mark && forgottenAt_ <= mark;
+}
+
+bool QSChangeJournal::canTell(const std::string& root, Mark mark) const {
+  std::lock_guard<std::mutex> lock(lock_);
+  return canTellLocked(root, mark);
+}
+
+std::optional<QSChangedFolders> QSChangeJournal::changesSince(const std::string& root, Mark mark) const {
+  std::lock_guard<std::mutex> lock(lock_);
+  if (!canTellLocked(root, mark)) return std::nullopt;
   QSChangedFolders changes;
   for (const auto& [path, when] : folders_)
-    if (when > mark && isAtOrBelow(path, root)) changes.addFolder(path);
+    if (when > mark && platform::isAtOrBelow(path, root)) changes.addFolder(path);
   for (const auto& [path, when] : subtrees_)
-    if (when > mark && (isAtOrBelow(path, root) || isAtOrBelow(root, path))) changes.addSubtree(path);
+    if (when > mark && (platform::isAtOrBelow(path, root) || platform::isAtOrBelow(root, path))) changes.addSubtree(path);
   for (const auto& own : ownFolders_) {
-    if (!isAtOrBelow(own, root) && !isAtOrBelow(root, own)) continue;
+    if (!platform::isAtOrBelow(own, root) && !platform::isAtOrBelow(root, own)) continue;
     changes.addSubtree(own);
     changes.addFolder(folderOf(own));
   }

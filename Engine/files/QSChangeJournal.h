@@ -90,6 +90,8 @@ class QSChangeJournal {
   // the call; nothing when there is no synchronizer or it failed.
   std::optional<Mark> synchronizedMark();
 
+  // Whether changesSince(root, mark) would answer (without gathering the changes).
+  bool canTell(const std::string& root, Mark mark) const;
   // The listings changed at and below `root` (a followed root or a folder
   // below one) since `mark`; nothing when that cannot be told.
   std::optional<QSChangedFolders> changesSince(const std::string& root, Mark mark) const;
@@ -103,6 +105,7 @@ class QSChangeJournal {
     Mark doubtAt = 0;
     std::string resolved;
   };
+  bool canTellLocked(const std::string& root, Mark mark) const;
   // The root `path` lies at or below, and `path` in that root's naming; false when none.
   bool place(const std::string& path, std::string* placed) const;
   void stamp(std::unordered_map<std::string, Mark>& into, const std::string& path);

@@ -7,6 +7,8 @@
 #include <unordered_set>
 #include <vector>
 
+#include "platform/Path.h"
+
 class QSChangedFolders {
  public:
   void addFolder(std::string path) { folders_.insert(std::move(path)); }
@@ -16,9 +18,7 @@ class QSChangedFolders {
   bool listingChanged(const std::string& path) const {
     if (folders_.count(path)) return true;
     for (const auto& top : subtrees_)
-      if (path.size() >= top.size() && path.compare(0, top.size(), top) == 0 &&
-          (path.size() == top.size() || path[top.size()] == '/' || top.back() == '/'))
-        return true;
+      if (platform::isAtOrBelow(path, top)) return true;
     return false;
   }
   bool empty() const { return folders_.empty() && subtrees_.empty(); }

@@ -1,5 +1,7 @@
 #include "Engine/files/QSWalkMemos.h"
 
+#include "platform/Path.h"
+
 QSWalkMemos& QSWalkMemos::shared() {
   static QSWalkMemos& memos = *new QSWalkMemos();
   return memos;
@@ -23,10 +25,7 @@ void QSWalkMemos::keep(const std::string& root, std::shared_ptr<const QSWalkMemo
 void QSWalkMemos::forget(const std::string& root) {
   std::lock_guard<std::mutex> lock(lock_);
   for (auto it = memos_.begin(); it != memos_.end();) {
-    const std::string& path = it->first;
-    const bool below = path.compare(0, root.size(), root) == 0 &&
-                       (path.size() == root.size() || path[root.size()] == '/' || (!root.empty() && root.back() == '/'));
-    it = below ? memos_.erase(it) : std::next(it);
+    it = platform::isAtOrBelow(it->first, root) ? memos_.erase(it) : std::next(it);
   }
 }
 

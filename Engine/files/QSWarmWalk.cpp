@@ -17,7 +17,7 @@ QSWarmWalk::QSWarmWalk(FSDepthFirstTraversal& traversal, std::string root, doubl
   // No warm walks at all (a full-walk interval of 0): nothing to keep.
   const auto mark = fullWalkInterval() > 0 ? journal.synchronizedMark() : std::nullopt;
   // A place the journal does not follow (or doubts now) could never be walked warm.
-  if (!mark || !journal.changesSince(root_, *mark)) {
+  if (!mark || !journal.canTell(root_, *mark)) {
     memos_.forget(root_);
     traversal_.setMemos(nullptr, nullptr, nullptr);
     return;

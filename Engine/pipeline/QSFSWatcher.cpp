@@ -5,15 +5,10 @@
 #include "platform/FanotifyEventSource.h"
 #include "platform/Format.h"
 #include "platform/Log.h"
+#include "platform/Path.h"
 #include "platform/Process.h"
 
 namespace {
-
-// Whether `path` is `folder` or lies below it.
-bool isAtOrBelow(const std::string& path, const std::string& folder) {
-  if (path.size() < folder.size() || path.compare(0, folder.size(), folder) != 0) return false;
-  return path.size() == folder.size() || folder == "/" || path[folder.size()] == '/';
-}
 
 bool contains(const std::vector<std::string>& list, const std::string& item) {
   return std::find(list.begin(), list.end(), item) != list.end();
@@ -143,7 +138,7 @@ bool QSFSWatcher::isUnwatched(const platform::FileSystemEvent& event) const {
   if (!anyUnwatched_.load() || event.paths.empty()) return false;
   std::lock_guard<std::mutex> lock(lock_);
   for (const std::string& path : event.paths) {
-    auto below = [&](const std::string& folder) { return isAtOrBelow(path, folder); };
+    auto below = [&](const std::string& folder) { return platform::isAtOrBelow(path, folder); };
     const bool unwatched = std::any_of(unwatched_.begin(), unwatched_.end(), below);
     const bool watched = std::any_of(homes_.begin(), homes_.end(), below) ||
                          std::any_of(folders_.begin(), folders_.end(), below);

@@ -25,13 +25,6 @@ namespace {
 // it, which queues a new event.
 constexpr int kTornCopyRetries = 3;
 
-// Whether `path` is `folder` itself or lies below it.  The boundary matters:
-// "/home/ann" must not take in "/home/anna".
-bool isAtOrBelow(const std::string& path, const std::string& folder) {
-  if (folder.empty() || path.compare(0, folder.size(), folder) != 0) return false;
-  return path.size() == folder.size() || folder == "/" || path[folder.size()] == '/';
-}
-
 // The path of an event that the environment acts on, or nothing.
 const std::string* pathOfInterest(const QSFSWatcherEvent& event) {
   const auto& args = event.arguments();
@@ -74,7 +67,7 @@ void QSPerUIDEnvironment::enqueueFSEvent(FSEvent event) {
 bool QSPerUIDEnvironment::fsWatcherEventIsOneWeCareAbout(const FSEvent& event) const {
   if (!event) return false;
   const std::string* path = pathOfInterest(*event);
-  return path && isAtOrBelow(QSPathFilter::normalizedPath(*path), realtimeHome());
+  return path && platform::isAtOrBelow(QSPathFilter::normalizedPath(*path), realtimeHome());
 }
 
 bool QSPerUIDEnvironment::shouldProceedForPathSuffix_withAttributes(const std::string& pathSuffix,
@@ -98,7 +91,7 @@ void QSPerUIDEnvironment::processRealtimeEvent(const FSEvent& event) {
   const std::string& home = realtimeHome();
   const std::string path = QSPathFilter::normalizedPath(args.back());
   // The folders on the way may have changed since the event was queued.
-  if (!isAtOrBelow(path, home) || path.size() == home.size()) return;
+  if (!platform::isAtOrBelow(path, home) || path.size() == home.size()) return;
   platform::FileAttributes attributes;
   const platform::FileAttributes* known =
       platform::FileManager::attributesAtPath(path, &attributes) ? &attributes : nullptr;
@@ -163,7 +156,7 @@ void QSPerUIDEnvironment::copyFile_withAttributes_onlyDoARenameOnLastVersion(con
   if (!attributes || !(attributes->isRegularFile() || attributes->isSymbolicLink())) return;
   const auto destination = destinationPath();
   const std::string& home = realtimeHome();
-  if (!destination || !isAtOrBelow(sourcePath, home) || sourcePath.size() <= home.size() + 1) return;
+  if (!destination || !platform::isAtOrBelow(sourcePath, home) || sourcePath.size() <= home.size() + 1) return;
   const std::string relativeSource = sourcePath.substr(home == "/" ? 1 : home.size() + 1);
   const std::string relativeFolder = platform::deletingLastPathComponent(relativeSource);
   const std::string fileName = platform::lastPathComponent(relativeSource);

@@ -372,3 +372,35 @@ TEST(FSWarmWalkTest, AWarmWalkOfABackupFolderLeavesTheCreationDateCacheAsTheLast
   // The copies of the folders not read are still known.
   EXPECT_EQ(cache->count(), 2u);
 }
+
+TEST(FSWarmWalkTest, AFolderOfMoreEntriesThanAWalkHoldsIsVisitedInChunksAndReadAgainNextTime) {
+  skerrow_test::TempDir dir;
+  const std::string top = dir.mkdir("top");
+  for (int i = 0; i < 10; ++i) dir.write("top/big/f" + std::to_string(i), std::string(static_cast<size_t>(i), 'x'));
+  dir.write("top/big/inner/a", "a");
+  dir.write("top/small/b", "b");
+  for (const Side side : {Side::Source, Side::Destination}) {
+    if (side == Side::Destination)
+      for (int i = 0; i < 10; ++i) dir.write("top/big/c" + std::to_string(i) + "@0.txt", "c");
+    const auto whole = walk(side, top, nullptr, nullptr, nullptr).calls;
+    struct Bound {
+      Bound() { FSDepthFirstTraversal::setListingBound(4); }
+      ~Bound() { FSDepthFirstTraversal::setListingBound(65536); }
+    } bound;
+    QSChangeJournal journal;
+    journal.follow(top);
+    auto memo = std::make_shared<QSWalkMemo>();
+    memo->setMark(journal.now());
+    const auto chunked = walk(side, top, nullptr, nullptr, memo);
+    EXPECT_EQ(chunked.calls, whole);
+    EXPECT_FALSE(memo->listingOf(top + "/big").has_value());
+    EXPECT_TRUE(memo->listingOf(top + "/small").has_value());
+    EXPECT_TRUE(memo->listingOf(top + "/big/inner").has_value());
+    const auto changes = journal.changesSince(top, memo->mark());
+    ASSERT_TRUE(changes.has_value());
+    const auto warm = walk(side, top, memo, std::make_shared<QSChangedFolders>(*changes), nullptr);
+    EXPECT_EQ(warm.calls, whole);
+    EXPECT_EQ(warm.foldersRead, 1u);
+    EXPECT_EQ(warm.foldersReused, 3u);
+  }
+}
