@@ -133,7 +133,16 @@ void QSCreationDateCache::keep() {
 
 bool QSCreationDateCache::fill(platform::FileAttributes* a) {
   if (a->changeTime == platform::FileTime{}) return false;  // a file system that gives no change time
-  std::lock_guard<std::mutex> lock(lock_);
+  std::unique_lock<std::mutex> lock(lock_);
+  if (released_) {
+    // The first copy a walk examines brings the entries back from the file
+    // (a warm walk that reads no folder of copies never needs them).
+    released_ = false;
+    onFile_ = false;
+    lock.unlock();
+    load();  // a file gone or no longer matching leaves the cache empty
+    lock.lock();
+  }
   if (known_.empty() || a->device != device_) return false;
   const auto it = std::lower_bound(known_.begin(), known_.end(), a->inode,
                                    [](const Entry& e, uint64_t inode) { return e.inode < inode; });
@@ -152,13 +161,6 @@ bool QSCreationDateCache::fill(platform::FileAttributes* a) {
 }
 
 void QSCreationDateCache::beginWalk(platform::FileTime now) {
-  bool reload = false;
-  {
-    std::lock_guard<std::mutex> lock(lock_);
-    std::swap(reload, released_);
-    if (reload) onFile_ = false;
-  }
-  if (reload) load();  // a file gone or no longer matching leaves the cache empty
   std::lock_guard<std::mutex> lock(lock_);
   walking_ = true;
   rememberBefore_ = now.seconds - margin_;
@@ -190,7 +192,10 @@ void QSCreationDateCache::finishWalk(bool completed) {
   std::lock_guard<std::mutex> lock(lock_);
   if (completed) {
     const auto byInode = [](const Entry& x, const Entry& y) { return x.inode < y.inode; };
-    const size_t before = known_.size();
+    // A walk that completed without examining a single copy (an emptied
+    // backup folder) never brought the entries back: none of them was seen.
+    const size_t before = released_ ? releasedCount_ : known_.size();
+    released_ = false;
     size_t kept = 0;
     if (walkDevice_ == device_ && seen_.size() == known_.size()) {
       for (size_t i = 0; i < known_.size(); ++i)

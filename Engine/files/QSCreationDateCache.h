@@ -70,7 +70,7 @@ class QSCreationDateCache {
 
   // Writes the cache to its file when a walk renewed it since it was last
   // written, and then, when the file holds every entry and no walk is under
-  // way, lets the entries go from memory; the next `beginWalk` reads them
+  // way, lets the entries go from memory; the first `fill` of a later walk reads them
   // back.  Meant for after the walk, off the path of a backup.
   void keep();
 

@@ -178,11 +178,9 @@ TEST(QSCreationDateCacheTest, BetweenWalksTheEntriesLiveInTheKeptFileAndTheNextW
   EXPECT_EQ(cache->count(), 1u);
   platform::FileAttributes examined;
   ASSERT_TRUE(platform::FileManager::attributesAtPath(copy, &examined));
-  platform::FileAttributes outside = examined;
-  EXPECT_FALSE(cache->fill(&outside));  // let go from memory once kept
 
   const platform::FileTime now{static_cast<int64_t>(::time(nullptr)), 0};
-  cache->beginWalk(now);  // read back from the file
+  cache->beginWalk(now);  // the first copy examined reads the entries back from the file
   platform::FileAttributes during = examined;
   ASSERT_TRUE(cache->fill(&during));
   EXPECT_EQ(during.creationTime, (platform::FileTime{978307260, 500000000}));
@@ -202,6 +200,42 @@ TEST(QSCreationDateCacheTest, BetweenWalksTheEntriesLiveInTheKeptFileAndTheNextW
   cache->keep();
   EXPECT_TRUE(std::filesystem::exists(file));
   EXPECT_EQ(QSCreationDateCache(backup, file).count(), 1u);
+}
+
+TEST(QSCreationDateCacheTest, AWalkThatExaminesNoCopyLeavesTheEntriesInTheirFile) {
+  OneStoredCopy folder;
+  if (!folder.stored) GTEST_SKIP() << "this file system keeps no user extended attributes";
+  auto& [dir, backup, copy, stored, file] = folder;
+  const auto cache = folder.walkedAndKept();
+  platform::FileAttributes examined;
+  ASSERT_TRUE(platform::FileManager::attributesAtPath(copy, &examined));
+  const platform::FileTime now{static_cast<int64_t>(::time(nullptr)), 0};
+
+  // A walk (a warm one, say) that examines no copy: the file is not read,
+  // so its absence meanwhile costs nothing.
+  std::filesystem::rename(file, file + ".away");
+  cache->beginWalk(now);
+  cache->finishWalk(false);
+  std::filesystem::rename(file + ".away", file);
+  cache->beginWalk(now);
+  platform::FileAttributes during = examined;
+  EXPECT_TRUE(cache->fill(&during));
+  EXPECT_EQ(during.creationTime, (platform::FileTime{978307260, 500000000}));
+  cache->finishWalk(true);
+  cache->keep();
+  EXPECT_EQ(cache->count(), 1u);
+
+  // A completed walk that examined no copy found the folder empty: nothing
+  // known stays known, in memory or in the file.
+  cache->beginWalk(now);
+  cache->finishWalk(true);
+  EXPECT_EQ(cache->count(), 0u);
+  cache->keep();
+  EXPECT_EQ(QSCreationDateCache(backup, file).count(), 0u);
+  cache->beginWalk(now);
+  platform::FileAttributes after = examined;
+  EXPECT_FALSE(cache->fill(&after));
+  cache->finishWalk(false);
 }
 
 TEST(QSCreationDateCacheTest, ADamagedOrForeignKeptFileIsIgnored) {
