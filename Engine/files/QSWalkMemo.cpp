@@ -46,47 +46,77 @@ void QSWalkMemo::addListing(const std::string& folder, const std::vector<Item>& 
   folders_[folder] = range;
 }
 
+void QSWalkMemo::borrowFrom(const std::shared_ptr<const QSWalkMemo>& earlier) {
+  base_ = earlier && earlier->base_ ? earlier->base_ : earlier;
+}
+
 void QSWalkMemo::addListing(const std::string& folder, const Listing& listing) {
-  const Range range{static_cast<uint32_t>(entries_.size()), static_cast<uint32_t>(listing.size())};
-  if (listing.size() != 0) {
-    const QSWalkMemo& from = *listing.memo_;
-    const Entry* first = &from.entries_[listing.first_];
-    const Entry* last = first + listing.size() - 1;
-    // The listing's names lie side by side in its memo, in entry order.
-    const uint32_t nameStart = first->nameOffset;
-    const uint32_t nameEnd = last->nameOffset + last->nameLength;
-    const uint32_t shift = static_cast<uint32_t>(names_.size());
-    const size_t at = entries_.size();
-    if (&from == this) {
-      // Copied out first: growing would move what is being copied.
-      const std::vector<Entry> entries(first, last + 1);
-      const std::string names = names_.substr(nameStart, nameEnd - nameStart);
-      entries_.insert(entries_.end(), entries.begin(), entries.end());
-      names_.append(names);
-    } else {
-      entries_.insert(entries_.end(), first, last + 1);
-      names_.append(std::string_view(from.names_).substr(nameStart, nameEnd - nameStart));
+  if (base_ && listing.memo_ == base_.get()) {
+    // Borrowed, when they lie in the storage lent: nothing is copied.
+    if (listing.size() != 0) {
+      const Entry& last = base_->entries_[listing.first_ + listing.size() - 1];
+      borrowedNameBytes_ += last.nameOffset + last.nameLength - base_->entries_[listing.first_].nameOffset;
     }
-    for (size_t i = at; i < entries_.size(); ++i) entries_[i].nameOffset = entries_[i].nameOffset - nameStart + shift;
+    borrowedItems_ += listing.size();
+    folders_[folder] = Range{listing.first_, listing.count_, true};
+    return;
   }
-  folders_[folder] = range;
+  folders_[folder] = copyIn(listing);
+}
+
+QSWalkMemo::Range QSWalkMemo::copyIn(const Listing& listing) {
+  const Range range{static_cast<uint32_t>(entries_.size()), static_cast<uint32_t>(listing.size())};
+  if (listing.size() == 0) return range;
+  const QSWalkMemo& from = *listing.memo_;
+  const Entry* first = &from.entries_[listing.first_];
+  const Entry* last = first + listing.size() - 1;
+  // The listing's names lie side by side in its memo, in entry order.
+  const uint32_t nameStart = first->nameOffset;
+  const uint32_t nameEnd = last->nameOffset + last->nameLength;
+  const uint32_t shift = static_cast<uint32_t>(names_.size());
+  const size_t at = entries_.size();
+  if (&from == this) {
+    // Copied out first: growing would move what is being copied.
+    const std::vector<Entry> entries(first, last + 1);
+    const std::string names = names_.substr(nameStart, nameEnd - nameStart);
+    entries_.insert(entries_.end(), entries.begin(), entries.end());
+    names_.append(names);
+  } else {
+    entries_.insert(entries_.end(), first, last + 1);
+    names_.append(std::string_view(from.names_).substr(nameStart, nameEnd - nameStart));
+  }
+  for (size_t i = at; i < entries_.size(); ++i) entries_[i].nameOffset = entries_[i].nameOffset - nameStart + shift;
+  return range;
+}
+
+void QSWalkMemo::stopBorrowing() {
+  if (!base_) return;
+  entries_.reserve(entries_.size() + borrowedItems_);
+  names_.reserve(names_.size() + borrowedNameBytes_);
+  const auto own = [this](Range& range) {
+    if (range.borrowed) range = copyIn(Listing(base_.get(), range.first, range.count));
+  };
+  for (auto& [path, range] : folders_) own(range);
+  for (auto& folder : sealed_) own(folder.range);
+  base_.reset();
+  borrowedItems_ = 0;
+  borrowedNameBytes_ = 0;
 }
 
 std::optional<QSWalkMemo::Listing> QSWalkMemo::listingOf(const std::string& folder) const {
   // A listing added after the index was packed is the newer one.
-  if (const auto it = folders_.find(folder); it != folders_.end())
-    return Listing(this, it->second.first, it->second.count);
+  if (const auto it = folders_.find(folder); it != folders_.end()) return listingIn(it->second);
   const auto it = std::lower_bound(sealed_.begin(), sealed_.end(), std::string_view(folder),
                                    [this](const SealedFolder& f, std::string_view path) { return sealedPath(f) < path; });
   if (it == sealed_.end() || sealedPath(*it) != folder) return std::nullopt;
-  return Listing(this, it->range.first, it->range.count);
+  return listingIn(it->range);
 }
 
 size_t QSWalkMemo::byteCount() const {
   size_t bytes = entries_.capacity() * sizeof(Entry) + names_.capacity();
   bytes += sealed_.capacity() * sizeof(SealedFolder) + sealedPaths_.capacity();
   for (const auto& [path, range] : folders_) bytes += sizeof(range) + path.capacity() + 48;
-  return bytes;
+  return bytes + (base_ ? base_->byteCount() : 0);
 }
 
 void QSWalkMemo::reserve(size_t items, size_t nameBytes, size_t folders) {
@@ -96,6 +126,9 @@ void QSWalkMemo::reserve(size_t items, size_t nameBytes, size_t folders) {
 }
 
 void QSWalkMemo::shrinkToFit() {
+  // Borrowing pays while this memo's own listings are few beside what it
+  // borrows and it uses most of the storage it keeps alive.
+  if (base_ && (entries_.size() > borrowedItems_ / 8 || 2 * borrowedItems_ < base_->entries_.size())) stopBorrowing();
   // Each shrink is a copy: worth it only for room of more than an eighth.
   if (entries_.capacity() > entries_.size() + entries_.size() / 8) entries_.shrink_to_fit();
   if (names_.capacity() > names_.size() + names_.size() / 8) names_.shrink_to_fit();

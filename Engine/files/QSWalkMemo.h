@@ -9,6 +9,14 @@
 // creation time's source are kept — all that the walks' receivers use;
 // the others read back as 0.
 //
+// A memo may borrow from an earlier one: a listing taken unchanged from the
+// earlier memo's storage is referred to, not copied, so that a warm walk
+// costs in proportion to what it read, not to what it kept.  The storage
+// lent is always a memo that borrows nothing (chains stay one link long);
+// once a memo's own listings grow large beside what it borrows, or it
+// borrows less than half of the storage it keeps alive, `shrinkToFit`
+// copies what it borrowed and lets the storage go.
+//
 // Filled by one walk on one thread; read (any number of times, from any
 // thread) once filled.
 #pragma once
@@ -46,6 +54,9 @@ class QSWalkMemo {
     uint32_t count_;
   };
 
+  // Lets this memo, still empty, refer to the listings of `earlier` (or of
+  // the storage `earlier` borrows from) instead of copying them.
+  void borrowFrom(const std::shared_ptr<const QSWalkMemo>& earlier);
   // Records the listing of the folder at `folder` (the folder's path, as
   // the walk names it).  A folder listed twice keeps its second listing.
   void addListing(const std::string& folder, const std::vector<Item>& items);
@@ -70,16 +81,20 @@ class QSWalkMemo {
   }
 
   size_t folderCount() const { return folders_.size() + sealed_.size(); }
-  size_t itemCount() const { return entries_.size(); }
-  // Bytes held, about.
+  // Entries of the listings recorded (borrowed ones included).
+  size_t itemCount() const { return entries_.size() + borrowedItems_; }
+  // Entries of the listings borrowed from an earlier memo's storage.
+  size_t borrowedItemCount() const { return borrowedItems_; }
+  // Bytes held, about (the storage borrowed from included).
   size_t byteCount() const;
   // Makes room ahead for about `items` entries in `folders` folders whose names take `nameBytes`.
   void reserve(size_t items, size_t nameBytes, size_t folders);
-  size_t nameByteCount() const { return names_.size(); }
+  size_t nameByteCount() const { return names_.size() + borrowedNameBytes_; }
   // Gives back the room made ahead and not used, when it is more than a
-  // little, and packs the folders' index into two blocks (a map of a node
+  // little, packs the folders' index into two blocks (a map of a node
   // per folder, made while the walk made its tree, would leave one small
-  // block on each of thousands of pages once the tree is gone).
+  // block on each of thousands of pages once the tree is gone), and copies
+  // what it borrowed when borrowing no longer pays (see above).
   void shrinkToFit();
 
  private:
@@ -98,6 +113,7 @@ class QSWalkMemo {
   struct Range {
     uint32_t first;
     uint32_t count;
+    bool borrowed = false;  // entries of base_, not of this memo
   };
 
   struct SealedFolder {
@@ -109,6 +125,14 @@ class QSWalkMemo {
     return std::string_view(sealedPaths_).substr(folder.pathOffset, folder.pathLength);
   }
 
+  Listing listingIn(const Range& range) const { return Listing(range.borrowed ? base_.get() : this, range.first, range.count); }
+  // Copies the entries and names of `listing` to the end of this memo's own.
+  Range copyIn(const Listing& listing);
+  // Makes every borrowed listing this memo's own and lets base_ go.
+  void stopBorrowing();
+  std::shared_ptr<const QSWalkMemo> base_;  // storage lent, when borrowing
+  size_t borrowedItems_ = 0;
+  size_t borrowedNameBytes_ = 0;
   std::vector<Entry> entries_;
   std::string names_;
   std::unordered_map<std::string, Range> folders_;  // while listings are added

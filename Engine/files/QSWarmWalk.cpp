@@ -32,15 +32,17 @@ QSWarmWalk::QSWarmWalk(FSDepthFirstTraversal& traversal, std::string root, doubl
       changes_ = std::make_shared<const QSChangedFolders>(std::move(*changes));
   }
   warm_ = earlier_ && changes_ && now - earlier_->fullWalkDate() < fullWalkInterval();
-  // Room for about what the last walk read, so that the memo grows without copies.
-  if (earlier_) {
-    const auto more = [](size_t n) { return n + n / 16; };
-    next_->reserve(more(earlier_->itemCount()), more(earlier_->nameByteCount()), more(earlier_->folderCount()));
-  }
+  const auto more = [](size_t n) { return n + n / 16; };
   if (warm_) {
+    // What the walk takes as the last walk left it is borrowed, not copied.
+    next_->borrowFrom(earlier_);
+    next_->reserve(0, 0, more(earlier_->folderCount()));
     next_->setFullWalkDate(earlier_->fullWalkDate());
     traversal_.setMemos(earlier_, changes_, next_);
   } else {
+    // Room for about what the last walk read, so that the memo grows without copies.
+    if (earlier_)
+      next_->reserve(more(earlier_->itemCount()), more(earlier_->nameByteCount()), more(earlier_->folderCount()));
     traversal_.setMemos(nullptr, nullptr, next_);
   }
 }
@@ -66,9 +68,11 @@ size_t QSWarmWalk::finish() {
   }
   next_->shrinkToFit();
   if (warm_)
-    platform::Log::format("Walked %s warm: %zu folders read, %zu as the last walk left them (kept: %zu items, %zu KiB)",
-                          root_.c_str(), traversal_.foldersRead(), traversal_.foldersReused(), next_->itemCount(),
-                          next_->byteCount() / 1024);
+    platform::Log::format(
+        "Walked %s warm: %zu folders read, %zu as the last walk left them (kept: %zu items, %zu of them lent by an "
+        "earlier walk, %zu KiB)",
+        root_.c_str(), traversal_.foldersRead(), traversal_.foldersReused(), next_->itemCount(),
+        next_->borrowedItemCount(), next_->byteCount() / 1024);
   memos_.keep(root_, std::move(next_));
   return missed;
 }

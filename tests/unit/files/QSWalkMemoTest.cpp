@@ -127,3 +127,102 @@ TEST(QSWalkMemoTest, AListingOfTheMemoItselfCanBeRecordedAgainUnderAnotherFolder
   EXPECT_EQ(memo.listingOf("/copy42")->nameAt(1), "two");
   EXPECT_EQ(memo.itemCount(), 202u);
 }
+
+namespace {
+
+// A memo of `folders` folders "/dN", each with one file "fN" of N bytes.
+std::shared_ptr<QSWalkMemo> memoOfFolders(int folders) {
+  auto memo = std::make_shared<QSWalkMemo>();
+  for (int i = 0; i < folders; ++i)
+    memo->addListing("/d" + std::to_string(i), {{"f" + std::to_string(i), fileOf(static_cast<uint64_t>(i), 1, 1)}});
+  memo->shrinkToFit();
+  return memo;
+}
+
+}  // namespace
+
+TEST(QSWalkMemoTest, AListingTakenFromTheEarlierMemoIsLentNotCopiedAndOutlivesIt) {
+  auto earlier = memoOfFolders(40);
+  const std::weak_ptr<const QSWalkMemo> storage = earlier;
+  QSWalkMemo next;
+  next.borrowFrom(earlier);
+  for (int i = 0; i < 40; ++i) {
+    if (i == 3) continue;  // gone since
+    const std::string folder = "/d" + std::to_string(i);
+    next.addListing(folder, *earlier->listingOf(folder));
+  }
+  next.addListing("/d0", {{"changed", fileOf(100, 2, 2)}});
+  EXPECT_EQ(next.borrowedItemCount(), 39u);
+  EXPECT_EQ(next.itemCount(), 40u);
+  next.shrinkToFit();
+  earlier.reset();
+  EXPECT_FALSE(storage.expired());  // kept alive by what borrows from it
+  EXPECT_EQ(next.borrowedItemCount(), 39u);
+  EXPECT_EQ(next.listingOf("/d0")->nameAt(0), "changed");
+  EXPECT_EQ(next.listingOf("/d39")->nameAt(0), "f39");
+  EXPECT_EQ(next.listingOf("/d39")->attributesAt(0).size, 39u);
+  EXPECT_FALSE(next.listingOf("/d3").has_value());
+  EXPECT_GE(next.byteCount(), storage.lock()->byteCount());
+}
+
+TEST(QSWalkMemoTest, AMemoThatBorrowsLendsOnlyTheStorageItBorrowsFromSoChainsStayOneLinkLong) {
+  auto first = memoOfFolders(40);
+  const std::weak_ptr<const QSWalkMemo> storage = first;
+  auto second = std::make_shared<QSWalkMemo>();
+  second->borrowFrom(first);
+  for (int i = 1; i < 40; ++i) second->addListing("/d" + std::to_string(i), *first->listingOf("/d" + std::to_string(i)));
+  second->addListing("/d0", {{"own", fileOf(7, 7, 7)}});
+  second->shrinkToFit();
+  const std::weak_ptr<const QSWalkMemo> middle = second;
+  first.reset();
+
+  QSWalkMemo third;
+  third.borrowFrom(second);
+  for (int i = 0; i < 40; ++i) third.addListing("/d" + std::to_string(i), *second->listingOf("/d" + std::to_string(i)));
+  // The first memo's listings are borrowed from it directly; the second's own one is copied.
+  EXPECT_EQ(third.borrowedItemCount(), 39u);
+  EXPECT_EQ(third.itemCount(), 40u);
+  third.shrinkToFit();
+  second.reset();
+  EXPECT_TRUE(middle.expired());
+  EXPECT_FALSE(storage.expired());
+  EXPECT_EQ(third.listingOf("/d0")->nameAt(0), "own");
+  EXPECT_EQ(third.listingOf("/d0")->attributesAt(0).size, 7u);
+  EXPECT_EQ(third.listingOf("/d21")->nameAt(0), "f21");
+}
+
+TEST(QSWalkMemoTest, WhenBorrowingNoLongerPaysTheMemoCopiesWhatItBorrowedAndLetsTheStorageGo) {
+  // Own listings grown large beside what is borrowed.
+  {
+    auto earlier = memoOfFolders(40);
+    const std::weak_ptr<const QSWalkMemo> storage = earlier;
+    QSWalkMemo next;
+    next.borrowFrom(earlier);
+    for (int i = 0; i < 32; ++i) next.addListing("/d" + std::to_string(i), *earlier->listingOf("/d" + std::to_string(i)));
+    for (int i = 32; i < 40; ++i) next.addListing("/d" + std::to_string(i), {{"new", fileOf(5, 5, 5)}});
+    next.addListing("/extra", {{"x", fileOf(1, 1, 1)}});
+    const auto before = *earlier->listingOf("/d17");
+    EXPECT_TRUE(*next.listingOf("/d17") == before);
+    next.shrinkToFit();
+    earlier.reset();
+    EXPECT_TRUE(storage.expired());
+    EXPECT_EQ(next.borrowedItemCount(), 0u);
+    EXPECT_EQ(next.itemCount(), 41u);
+    EXPECT_EQ(next.listingOf("/d17")->nameAt(0), "f17");
+    EXPECT_EQ(next.listingOf("/d17")->attributesAt(0).size, 17u);
+    EXPECT_EQ(next.listingOf("/d35")->nameAt(0), "new");
+  }
+  // Less than half of the storage still borrowed (most folders gone).
+  {
+    auto earlier = memoOfFolders(40);
+    const std::weak_ptr<const QSWalkMemo> storage = earlier;
+    QSWalkMemo next;
+    next.borrowFrom(earlier);
+    for (int i = 0; i < 19; ++i) next.addListing("/d" + std::to_string(i), *earlier->listingOf("/d" + std::to_string(i)));
+    next.shrinkToFit();
+    earlier.reset();
+    EXPECT_TRUE(storage.expired());
+    EXPECT_EQ(next.itemCount(), 19u);
+    EXPECT_EQ(next.listingOf("/d18")->nameAt(0), "f18");
+  }
+}
