@@ -62,6 +62,17 @@ void QSChangeJournal::forgetIfFull() {
   forgottenAt_ = clock_;
 }
 
+void QSChangeJournal::forgetChangesUpTo(Mark mark) {
+  std::lock_guard<std::mutex> lock(lock_);
+  if (mark <= forgottenAt_) return;
+  const auto dropOld = [mark](std::unordered_map<std::string, Mark>& changes) {
+    for (auto it = changes.begin(); it != changes.end();) it = it->second <= mark ? changes.erase(it) : std::next(it);
+  };
+  dropOld(folders_);
+  dropOld(subtrees_);
+  forgottenAt_ = std::min(mark, clock_);
+}
+
 void QSChangeJournal::noteOwnFolder(const std::string& folder) {
   std::string path = folder;
   while (path.size() > 1 && path.back() == '/') path.pop_back();

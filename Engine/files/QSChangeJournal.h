@@ -96,6 +96,9 @@ class QSChangeJournal {
   // below one) since `mark`; nothing when that cannot be told.
   std::optional<QSChangedFolders> changesSince(const std::string& root, Mark mark) const;
 
+  // Forgets the changes noted at or before `mark` (once no walk will ask
+  // about them): a question about an earlier mark cannot be told any more.
+  void forgetChangesUpTo(Mark mark);
   // Changes noted and not yet forgotten (tests, the engine's log).
   size_t size() const;
 

@@ -45,3 +45,22 @@ size_t QSWalkMemos::byteCount() const {
   for (const auto& [root, memo] : memos_) bytes += memo->byteCount();
   return bytes;
 }
+
+void QSWalkMemos::pin(uint64_t mark) {
+  std::lock_guard<std::mutex> lock(lock_);
+  pinned_.insert(mark);
+}
+
+void QSWalkMemos::unpin(uint64_t mark) {
+  std::lock_guard<std::mutex> lock(lock_);
+  if (const auto it = pinned_.find(mark); it != pinned_.end()) pinned_.erase(it);
+}
+
+std::optional<uint64_t> QSWalkMemos::oldestMark() const {
+  std::lock_guard<std::mutex> lock(lock_);
+  std::optional<uint64_t> oldest;
+  if (!pinned_.empty()) oldest = *pinned_.begin();
+  for (const auto& [root, memo] : memos_)
+    if (!oldest || memo->mark() < *oldest) oldest = memo->mark();
+  return oldest;
+}

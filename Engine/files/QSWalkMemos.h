@@ -3,9 +3,12 @@
 // Thread-safe; memos are shared, never changed once kept.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 
 #include "Engine/files/QSWalkMemo.h"
@@ -21,8 +24,16 @@ class QSWalkMemos {
   void forgetAll();
   size_t count() const;
   size_t byteCount() const;
+  // A walk under way that will keep a memo marked `mark` (once for each
+  // such walk; `unpin` when it ends, kept or not).
+  void pin(uint64_t mark);
+  void unpin(uint64_t mark);
+  // The oldest mark a kept memo, or a walk under way, may still ask the
+  // change journal about; nothing when there is neither.
+  std::optional<uint64_t> oldestMark() const;
 
  private:
   mutable std::mutex lock_;
   std::map<std::string, std::shared_ptr<const QSWalkMemo>> memos_;
+  std::multiset<uint64_t> pinned_;
 };

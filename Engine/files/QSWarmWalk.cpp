@@ -25,6 +25,9 @@ QSWarmWalk::QSWarmWalk(FSDepthFirstTraversal& traversal, std::string root, doubl
   next_ = std::make_shared<QSWalkMemo>();
   recorded_ = true;
   next_->setMark(*mark);
+  // The journal keeps what this walk's memo will be asked about.
+  memos_.pin(*mark);
+  pinned_ = *mark;
   next_->setFullWalkDate(now);
   earlier_ = memos_.memoFor(root_);
   if (earlier_) {
@@ -47,9 +50,23 @@ QSWarmWalk::QSWarmWalk(FSDepthFirstTraversal& traversal, std::string root, doubl
   }
 }
 
+QSWarmWalk::~QSWarmWalk() { unpin(); }
+
+void QSWarmWalk::unpin() {
+  if (!pinned_) return;
+  memos_.unpin(*pinned_);
+  pinned_.reset();
+  // Changes older than every memo kept and every walk under way will never
+  // be asked about again.
+  if (const auto oldest = memos_.oldestMark()) journal_.forgetChangesUpTo(*oldest);
+}
+
 size_t QSWarmWalk::finish() {
   traversal_.setMemos(nullptr, nullptr, nullptr);
-  if (!next_ || traversal_.wasStopped()) return 0;
+  if (!next_ || traversal_.wasStopped()) {
+    unpin();
+    return 0;
+  }
   size_t missed = 0;
   // A full walk in place of a warm one: what would a warm walk have taken
   // wrongly?  Changes noted while the walk ran count as told.
@@ -74,5 +91,6 @@ size_t QSWarmWalk::finish() {
         root_.c_str(), traversal_.foldersRead(), traversal_.foldersReused(), next_->itemCount(),
         next_->borrowedItemCount(), next_->byteCount() / 1024);
   memos_.keep(root_, std::move(next_));
+  unpin();
   return missed;
 }

@@ -43,8 +43,12 @@ class QSWarmWalk {
   // the number of folders a full walk found changed that the journal had
   // called unchanged (0 otherwise).
   size_t finish();
+  ~QSWarmWalk();
+  QSWarmWalk(const QSWarmWalk&) = delete;
+  QSWarmWalk& operator=(const QSWarmWalk&) = delete;
 
  private:
+  void unpin();
   FSDepthFirstTraversal& traversal_;
   const std::string root_;
   QSChangeJournal& journal_;
@@ -54,4 +58,5 @@ class QSWarmWalk {
   std::shared_ptr<QSWalkMemo> next_;
   bool warm_ = false;
   bool recorded_ = false;
+  std::optional<QSChangeJournal::Mark> pinned_;  // the new memo's mark, while the walk is under way
 };

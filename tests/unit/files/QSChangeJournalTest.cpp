@@ -235,3 +235,26 @@ TEST(QSChangeJournalTest, TheEnginesOwnFolderInAHomeCountsAsChangedWhateverTheMa
   journal.follow("/home/bob");
   EXPECT_TRUE(changesSince(journal, "/home/bob", journal.now()).empty());
 }
+
+TEST(QSChangeJournalTest, ChangesUpToAMarkCanBeForgottenAndAnEarlierMarkThenCannotTell) {
+  QSChangeJournal journal;
+  journal.follow("/home/ann");
+  const auto start = journal.now();
+  journal.noteContentChange("/home/ann/a/x");
+  journal.noteStructuralChange("/home/ann/b/y");
+  const auto middle = journal.now();
+  journal.noteContentChange("/home/ann/c/z");
+  EXPECT_EQ(journal.size(), 5u);  // a; b, the home folder and b/y below; c
+  journal.forgetChangesUpTo(middle);
+  EXPECT_EQ(journal.size(), 1u);
+  EXPECT_FALSE(journal.canTell("/home/ann", start));
+  EXPECT_FALSE(journal.changesSince("/home/ann", start).has_value());
+  const auto changes = changesSince(journal, "/home/ann", middle);
+  EXPECT_TRUE(changes.listingChanged("/home/ann/c"));
+  EXPECT_FALSE(changes.listingChanged("/home/ann/a"));
+  EXPECT_FALSE(changes.listingChanged("/home/ann/b/y"));
+  // Forgetting up to an earlier mark again changes nothing.
+  journal.forgetChangesUpTo(start);
+  EXPECT_TRUE(journal.canTell("/home/ann", middle));
+  EXPECT_EQ(journal.size(), 1u);
+}

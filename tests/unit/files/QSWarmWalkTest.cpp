@@ -150,3 +150,44 @@ TEST(QSWarmWalkTest, APlaceTheJournalDoesNotFollowIsWalkedWholeAndNotRecorded) {
   EXPECT_EQ(second.read, 5u);
   EXPECT_EQ(place.memos.count(), 0u);
 }
+
+TEST(QSWarmWalkTest, ChangesOlderThanEveryKeptMemoAreForgottenOnceAWalkEnds) {
+  Place place;
+  place.walk();
+  for (int round = 0; round < 20; ++round) {
+    const std::string name = "ann/d" + std::to_string(round % 4) + "/new" + std::to_string(round) + ".txt";
+    place.dir.write(name, "n");
+    place.journal.noteStructuralChange(place.dir / name);
+    const auto walked = place.walk();
+    EXPECT_TRUE(walked.warm) << round;
+    EXPECT_EQ(walked.read, 2u) << round;
+    // Only what came after the kept memo's mark is held: nothing.
+    EXPECT_EQ(place.journal.size(), 0u) << round;
+  }
+  // A walk under way keeps what it will be asked about.
+  place.memos.pin(place.journal.now());
+  place.dir.write("ann/d1/late.txt", "l");
+  place.journal.noteStructuralChange(place.home + "/d1/late.txt");
+  const auto walked = place.walk();
+  EXPECT_TRUE(walked.warm);
+  EXPECT_EQ(place.journal.size(), 3u);
+  place.memos.unpin(place.memos.oldestMark().value());
+}
+
+TEST(QSWarmWalkTest, TheOldestMarkIsThatOfTheOldestMemoOrWalkUnderWay) {
+  QSWalkMemos memos;
+  EXPECT_FALSE(memos.oldestMark().has_value());
+  auto memo = std::make_shared<QSWalkMemo>();
+  memo->setMark(40);
+  memos.keep("/home/ann", memo);
+  EXPECT_EQ(memos.oldestMark(), 40u);
+  memos.pin(30);
+  memos.pin(30);
+  EXPECT_EQ(memos.oldestMark(), 30u);
+  memos.unpin(30);
+  EXPECT_EQ(memos.oldestMark(), 30u);
+  memos.unpin(30);
+  EXPECT_EQ(memos.oldestMark(), 40u);
+  memos.forgetAll();
+  EXPECT_FALSE(memos.oldestMark().has_value());
+}
