@@ -196,6 +196,33 @@ TEST(SkerrowctlJourneyTest, TheSummaryCountsEqualTheTallies) {
   EXPECT_EQ(human.output.find('\r'), std::string::npos) << "no redrawing off a terminal";
 }
 
+TEST(SkerrowctlJourneyTest, ANewBackupWithoutAScheduleSaysHowToBackUpNowAndHowToScheduleIt) {
+  SKIP_WITHOUT_JOURNEY();
+  Journey j("20", "1M", 64ull << 20);
+  const Ran managed = j.run(j.ann, {"manage", j.disk->mountPoint()});
+  ASSERT_EQ(managed.status, 0) << managed.output;
+  EXPECT_NE(managed.output.find("New backup "), std::string::npos) << managed.output;
+  const auto uid = j.list()[0].value("uid", std::string());
+  ASSERT_FALSE(uid.empty());
+  EXPECT_NE(managed.output.find("Not scheduled: \"skerrowctl backup\" backs it up now; \"skerrowctl set " +
+                                uid.substr(0, 8) + " scheduled on\""),
+            std::string::npos)
+      << managed.output;
+  EXPECT_EQ(j.list()[0].value("scheduled", true), false);
+  // Given a period, it is scheduled at that interval and nothing more is said.
+  const Ran forgotten = j.run(j.ann, {"forget", uid.substr(0, 8)});
+  ASSERT_EQ(forgotten.status, 0) << forgotten.output;
+  const Ran again = j.run(j.ann, {"manage", j.disk->mountPoint(), "--period", "7200"});
+  ASSERT_EQ(again.status, 0) << again.output;
+  EXPECT_EQ(again.output.find("Not scheduled"), std::string::npos) << again.output;
+  const auto listed = j.list();
+  ASSERT_FALSE(listed.empty());
+  const auto scheduled = std::find_if(listed.begin(), listed.end(), [&](const json& b) { return b.value("uid", "") != uid; });
+  ASSERT_NE(scheduled, listed.end()) << listed.dump();
+  EXPECT_EQ(scheduled->value("scheduled", false), true) << listed.dump();
+  EXPECT_EQ(scheduled->value("schedule", std::string()), "every 2 hours") << listed.dump();
+}
+
 TEST(SkerrowctlJourneyTest, ADiskFullRunExitsThreeNamesTheReasonAndIsNotTheLastGoodBackup) {
   SKIP_WITHOUT_JOURNEY();
   Journey j("200", "4M", 64ull << 20);

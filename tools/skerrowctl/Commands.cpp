@@ -71,7 +71,9 @@ const std::vector<CommandEntry>& commandTable() {
        "DISK is the kernel name of a mounted disk (sdb1) or a path on it (/media/backup). The engine makes the folder "
        "\"qs skerrow.skstor/<uid>\" on it, owned by you, and prints the new backup's uid. --keep N keeps N versions "
        "of each file (the newest and N-1 older ones); --depth N is the engine's own measure, N older versions beside "
-       "the newest (--depth 3 is --keep 4). --period sets the schedule's interval; --categories backs up only the "
+       "the newest (--depth 3 is --keep 4). --period schedules the backup at that interval (and so turns on the copying "
+       "of each changed file as it is saved); without it the backup runs when asked (skerrowctl backup) until "
+       "\"skerrowctl set UID scheduled on\". --categories backs up only the "
        "categories listed (comma-separated; default: all of Pictures, Music, Movies, Mail, Documents, Other).",
        1, 1, {"--depth", "--keep", "--period", "--categories"}, {}},
       {"adopt", "UID", "make a backup found on a disk yours",

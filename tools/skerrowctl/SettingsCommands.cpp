@@ -228,11 +228,20 @@ int manageCommand(Context& c) {
   // A new backup has every category unscheduled: back up the whole home folder unless told otherwise.
   for (const auto& category : categories) c.service().setScheduled_forBackup_forCategory(true, uid, category);
   if (depth) c.service().setVersionDepth_forBackup(*depth, uid);
-  if (period) c.service().setPeriod_forBackup(*period, uid);
+  if (period) {
+    // A period asked for is a schedule asked for.
+    c.service().setPeriod_forBackup(*period, uid);
+    c.service().setScheduled_forBackup(true, uid);
+  }
   const auto entry = c.backup(uid);
-  c.report("New backup " + uid + " on " + disk + " (" + entry->mountPoint() + "), " +
-               keepsWords(entry->versionDepth()) + " of each file",
-           entryJson(*entry));
+  std::string told = "New backup " + uid + " on " + disk + " (" + entry->mountPoint() + "), " +
+                     keepsWords(entry->versionDepth()) + " of each file";
+  // Continuous backup, like the schedule, serves scheduled backups only: say
+  // so, or a person edits a file and wonders why no copy appears.
+  if (!entry->isScheduled())
+    told += "\nNot scheduled: \"skerrowctl backup\" backs it up now; \"skerrowctl set " + uid.substr(0, 8) +
+            " scheduled on\" backs it up on a schedule and copies each changed file as it is saved";
+  c.report(told, entryJson(*entry));
   return kExitOK;
 }
 
