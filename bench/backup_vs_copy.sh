@@ -85,7 +85,11 @@ du -sh --apparent-size "$HOME_DIR" | sed 's/^/   /'
 echo "== disk: ext4 on a loop device"
 SIZE_KB=$(du -sk --apparent-size "$HOME_DIR" | cut -f1)
 truncate -s $((SIZE_KB * 4 + 1048576))K "$W/disk.img"
-mkfs.ext4 -q -L Backup "$W/disk.img"
+# Room for the items of three copies of the home at once (the engine's, cp's
+# or rsync's, and with -w a second rsync copy): ext4's default of an inode
+# per 16 KiB runs out before the blocks do on a home of many small files.
+ITEMS=$(find "$HOME_DIR" | wc -l)
+mkfs.ext4 -q -L Backup -N $((ITEMS * 4 + 100000)) "$W/disk.img"
 LOOP=$(losetup -f --show "$W/disk.img")
 mkdir -p "$W/disk"
 mount "$LOOP" "$W/disk"
