@@ -150,14 +150,24 @@ TEST(SkerrowctlJourneyTest, ProgressEventsArriveDuringACopyOf3000FilesWithRising
   j.manage();
   const Ran backup = j.run(j.ann, {"backup", "--json"});
   ASSERT_EQ(backup.status, 0) << backup.output.substr(0, 4000);
+  // One JSON progress event a second: how many fall in the copy depends on
+  // the machine's speed (a copy of 3.6 s gave three), so the test asks for
+  // counts that rise and never fall, and for an event that showed the copy
+  // part done (neither stuck at 0 nor jumping from 0 to the end).
   std::vector<int64_t> copied;
-  for (const auto& event : eventsNamed(backup.output, "progress"))
-    if (event["phase"] == "copy") copied.push_back(event["transferred"]["files"].get<int64_t>());
-  ASSERT_GE(copied.size(), 4u) << backup.output.substr(0, 4000);
+  bool partway = false;
+  for (const auto& event : eventsNamed(backup.output, "progress")) {
+    if (event["phase"] != "copy") continue;
+    const int64_t files = event["transferred"]["files"].get<int64_t>();
+    copied.push_back(files);
+    partway = partway || (files > 0 && files < event["expected"]["files"].get<int64_t>());
+  }
+  ASSERT_GE(copied.size(), 2u) << backup.output.substr(0, 4000);
+  EXPECT_TRUE(partway) << backup.output.substr(0, 4000);
   std::vector<int64_t> rising{copied.front()};
   for (int64_t n : copied)
     if (n > rising.back()) rising.push_back(n);
-  EXPECT_GE(rising.size(), 4u) << backup.output.substr(0, 4000);
+  EXPECT_GE(rising.size(), 2u) << backup.output.substr(0, 4000);
   for (size_t i = 1; i < copied.size(); ++i) EXPECT_GE(copied[i], copied[i - 1]);
   const auto end = eventsNamed(backup.output, "end");
   ASSERT_EQ(end.size(), 1u);
