@@ -90,7 +90,8 @@ void QSCreationDateCache::load() {
       get<uint64_t>(*bytes, 32) != folder.creationTime.nanoseconds)
     return;  // another folder now has this path: nothing of it applies
   std::vector<Entry> entries(count);
-  std::memcpy(entries.data(), bytes->data() + kHeaderSize, count * sizeof(Entry));
+  // A kept file of no entries leaves the vector without storage to copy into.
+  if (count != 0) std::memcpy(entries.data(), bytes->data() + kHeaderSize, count * sizeof(Entry));
   for (size_t i = 1; i < entries.size(); ++i)
     if (entries[i - 1].inode > entries[i].inode) return ignore("damaged");
   std::lock_guard<std::mutex> lock(lock_);
