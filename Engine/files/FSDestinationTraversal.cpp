@@ -1,8 +1,11 @@
 #include "Engine/files/FSDestinationTraversal.h"
 
-#include "Engine/files/QSCaseInsensitiveMap.h"
+#include <algorithm>
+#include <numeric>
+
 #include "Engine/records/QSVersionName.h"
 #include "platform/Date.h"
+#include "platform/UnicodeText.h"
 
 void FSDestinationTraversal::recurseAtDestinationPath_withVisitor(const std::string& destinationPath,
                                                                  FSVisitor& visitor) {
@@ -46,7 +49,10 @@ void FSDestinationTraversal::visit(Folder* parent, const std::string& name, cons
     return;
   }
   Folder folder(parent, name, path);
-  QSCaseInsensitiveMultiMap<std::shared_ptr<QSFSVersion>> groups;
+  // A group is the copies of one name in any letter case; the groups are
+  // visited in the order their first copies were read.
+  std::vector<Copy> copies;
+  std::string currentName;
   forEachEntry(
       folder,
       [this](platform::Directory& directory, std::vector<QSWalkMemo::Item>* read, size_t limit) {
@@ -63,20 +69,43 @@ void FSDestinationTraversal::visit(Folder* parent, const std::string& name, cons
       },
       [&](const std::string& entry, const platform::FileAttributes& a) {
         if (a.isRegularFile() || a.isSymbolicLink()) {
-          const auto parsed = QSParseFileName(entry);
-          if (!parsed) return;
-          auto version = QSFSVersion::versionWithFileName_attributes(entry, QSFSFileAttributes::fromStoredCopyAttributes(a));
-          if (!version) return;
-          groups.addObject_forKey(std::move(version), (*parsed)[0]);
+          uint64_t index = 0;
+          if (!QSParseVersionedName(entry, &currentName, &index)) return;
+          copies.push_back({platform::lowercase(currentName),
+                            std::make_shared<QSFSVersion>(entry, QSFSFileAttributes::fromStoredCopyAttributes(a), index)});
         } else if (a.isDirectory()) {
           visit(&folder, entry, join(path, entry), a);
         }
       });
-  for (const std::string& key : groups.keyEnumerator()) {
-    const QSFSVersionArray& versions = *groups.objectsForKey(key);
-    const std::string groupPath = join(path, key);
+  visitGroups(path, copies);
+  visitor_->finishVisitAtPath_attributes(path, attributes);
+}
+
+void FSDestinationTraversal::visitGroups(const std::string& path, const std::vector<Copy>& copies) {
+  if (copies.empty()) return;
+  // Sorted by key, equal keys in reading order: each group is one run, led by its first copy.
+  std::vector<uint32_t> order(copies.size());
+  std::iota(order.begin(), order.end(), 0u);
+  std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) { return copies[a].key < copies[b].key; });
+  struct Run {
+    uint32_t first;  // reading position of the group's first copy
+    uint32_t begin;
+    uint32_t end;
+  };
+  std::vector<Run> runs;
+  for (uint32_t i = 0; i < order.size();) {
+    uint32_t j = i + 1;
+    while (j < order.size() && copies[order[j]].key == copies[order[i]].key) ++j;
+    runs.push_back({order[i], i, j});
+    i = j;
+  }
+  std::sort(runs.begin(), runs.end(), [](const Run& a, const Run& b) { return a.first < b.first; });
+  QSFSVersionArray versions;
+  for (const Run& run : runs) {
+    versions.clear();
+    for (uint32_t i = run.begin; i < run.end; ++i) versions.push_back(copies[order[i]].version);
+    const std::string groupPath = join(path, copies[run.first].key);
     visitor_->startVisitOfGroup_atPath(versions, groupPath);
     visitor_->finishVisitOfGroup_atPath(versions, groupPath);
   }
-  visitor_->finishVisitAtPath_attributes(path, attributes);
 }

@@ -12,6 +12,8 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "Engine/files/FSDepthFirstTraversal.h"
 #include "Engine/files/QSCreationDateCache.h"
@@ -34,6 +36,14 @@ class FSDestinationTraversal : public FSDepthFirstTraversal {
              const platform::FileAttributes& attributes);
   // The attributes of the copy `entry` of `folder`, with its stored creation date.
   bool copyAttributes(platform::Directory& folder, const std::string& entry, platform::FileAttributes* attributes);
+
+  // A stored copy of a folder, under its current file name lower-cased.
+  struct Copy {
+    std::string key;
+    std::shared_ptr<QSFSVersion> version;
+  };
+  // Reports the copies of the folder at `path` (in reading order) as groups of one key each.
+  void visitGroups(const std::string& path, const std::vector<Copy>& copies);
 
   std::shared_ptr<QSCreationDateCache> cache_;
 };

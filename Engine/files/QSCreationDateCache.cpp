@@ -65,7 +65,11 @@ QSCreationDateCache::QSCreationDateCache(std::string folderPath, std::string fil
 
 std::string QSCreationDateCache::encode(const platform::FileAttributes& identity, const std::vector<Entry>& entries) {
   static_assert(sizeof(Entry) == 32, "entries are kept as they lie in memory");
-  std::string bytes(kMagic, sizeof kMagic);
+  std::string bytes;
+  // Sized once: grown by appending, the buffer of a large cache would be
+  // copied as it doubles and, for a moment, held two and a half times over.
+  bytes.reserve(kHeaderSize + entries.size() * sizeof(Entry) + sizeof(uint64_t));
+  bytes.append(kMagic, sizeof kMagic);
   put<uint64_t>(&bytes, identity.inode);
   put<int64_t>(&bytes, identity.creationTime.seconds);
   put<uint64_t>(&bytes, identity.creationTime.nanoseconds);

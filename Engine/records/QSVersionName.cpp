@@ -43,3 +43,24 @@ std::optional<std::array<std::string, 2>> QSParseFileName(const std::string& nam
     if (body[i] < '0' || body[i] > '9') return std::nullopt;
   return std::array<std::string, 2>{body.substr(0, at) + extension, body.substr(at + 1)};
 }
+
+bool QSParseVersionedName(std::string_view name, std::string* currentName, uint64_t* version) {
+  const auto dot = name.rfind('.');
+  const std::string_view body = dot == std::string_view::npos ? name : name.substr(0, dot);
+  const std::string_view extension = dot == std::string_view::npos ? std::string_view() : name.substr(dot);
+  const auto at = body.rfind('@');
+  if (at == std::string_view::npos || at + 1 == body.size()) return false;
+  uint64_t number = 0;
+  for (size_t i = at + 1; i < body.size(); ++i) {
+    const char c = body[i];
+    if (c < '0' || c > '9') return false;
+    const uint64_t digit = static_cast<uint64_t>(c - '0');
+    // Beyond the signed 64-bit range the number does not read.
+    if (number > (static_cast<uint64_t>(INT64_MAX) - digit) / 10) return false;
+    number = number * 10 + digit;
+  }
+  currentName->assign(body.substr(0, at));
+  currentName->append(extension);
+  *version = number;
+  return true;
+}

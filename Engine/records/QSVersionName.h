@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 // Splits `name` at its last ".": the body before it, and the extension from
 // it on (the "." included).  Without a ".", the whole name is the body and
@@ -21,3 +22,9 @@ std::string QSVersionName(const std::string& name, uint64_t version);
 // The inverse of QSVersionName: [current file name, version digits], or
 // nothing when `name` is not a version name.
 std::optional<std::array<std::string, 2>> QSParseFileName(const std::string& name);
+
+// The same parse without the lists: sets `currentName` to the current file
+// name and `version` to the version number and answers true when `name` is a
+// version name whose digits read as a signed 64-bit number (as a stored
+// copy's must).  Used for every stored copy a walk examines.
+bool QSParseVersionedName(std::string_view name, std::string* currentName, uint64_t* version);

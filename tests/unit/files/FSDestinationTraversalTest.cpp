@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 #include <sys/xattr.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <set>
 #include <unistd.h>
 
+#include "Engine/records/QSVersionName.h"
+#include "platform/UnicodeText.h"
 #include "tests/support/FSTraversalTestSupport.h"
 #include "tests/support/TempDir.h"
 
@@ -120,4 +123,31 @@ TEST(FSDestinationTraversalTest, WalkStartedOnAFileReportsItAndAMissingPathNothi
   RecordingFSVisitor w;
   FSDestinationTraversal(nullptr).recurseAtDestinationPath_withVisitor(dir / "missing", w);
   EXPECT_EQ(w.calls.size(), 2u);
+}
+
+// Groups come in the order their first copies are read from the folder, and
+// each holds its copies in reading order, whatever the letter case of their
+// names.  The expected order is worked out here from the folder's own listing.
+TEST(FSDestinationTraversalTest, GroupsComeInTheOrderOfTheirFirstCopyWithTheirCopiesInReadingOrder) {
+  skerrow_test::TempDir dir;
+  const std::string backup = dir.mkdir("U");
+  const std::vector<std::string> bodies = {"Report", "REPORT", "report", "a", "A", "b", "Zeta", "zeta", "c"};
+  for (int i = 0; i < 60; ++i)
+    dir.write("U/" + bodies[static_cast<size_t>(i * 7) % bodies.size()] + "@" + std::to_string(i) + ".txt", "x");
+  dir.write("U/not-a-copy.txt", "x");
+  std::vector<std::pair<std::string, std::vector<std::string>>> expected;
+  for (const auto& entry : std::filesystem::directory_iterator(backup)) {
+    const std::string name = entry.path().filename().string();
+    const auto parsed = QSParseFileName(name);
+    if (!parsed) continue;
+    const std::string key = "/" + platform::lowercase((*parsed)[0]);
+    auto it = std::find_if(expected.begin(), expected.end(), [&](const auto& g) { return g.first == key; });
+    if (it == expected.end()) it = expected.insert(expected.end(), {key, {}});
+    it->second.push_back(name);
+  }
+  ASSERT_EQ(expected.size(), 5u);  // report, a, b, zeta, c
+  RecordingFSVisitor v;
+  v.root = backup;
+  FSDestinationTraversal(nullptr).recurseAtDestinationPath_withVisitor(backup, v);
+  EXPECT_EQ(v.groups, expected);
 }

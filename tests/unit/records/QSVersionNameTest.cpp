@@ -4,6 +4,7 @@
 
 #include <random>
 
+#include "Engine/files/QSFSVersion.h"
 #include "platform/RegexPredicate.h"
 
 using Parsed = std::array<std::string, 2>;
@@ -86,4 +87,33 @@ TEST(QSVersionNameTest, AgreesWithTheVersionBodyExpression) {
     parseBody_extension(name, &body, nullptr);
     ASSERT_EQ(QSParseFileName(name).has_value(), expression->evaluateWithObject(body)) << "name: " << name;
   }
+}
+
+// The parse the walks use for every stored copy must accept exactly the
+// names a copy is made from: a version name whose digits read as a signed
+// 64-bit number, giving the same current name and number.
+TEST(QSVersionNameTest, VersionedNameParseAgreesWithTheVersionRecordOfEveryName) {
+  const std::string alphabet = "@@..0919aZ\xc3\xa9";
+  std::mt19937 rng(20261125);
+  std::vector<std::string> names = {"report@3.txt", "a@9223372036854775807", "a@9223372036854775808.x",
+                                    "a@99999999999999999999", "@5", ".@1", "x@0007.tar.gz", "x@.txt", "x@1a.txt",
+                                    "name@\xd9\xa3", ""};
+  for (int i = 0; i < 20000; ++i) {
+    std::string name;
+    const int length = static_cast<int>(rng() % 12);
+    for (int j = 0; j < length; ++j) name += alphabet[rng() % alphabet.size()];
+    names.push_back(name);
+  }
+  size_t accepted = 0;
+  for (const auto& name : names) {
+    const auto version = QSFSVersion::versionWithFileName_attributes(name, QSFSFileAttributes());
+    std::string current = "left as it was";
+    uint64_t number = 0;
+    ASSERT_EQ(QSParseVersionedName(name, &current, &number), version != nullptr) << "name: " << name;
+    if (!version) continue;
+    ++accepted;
+    EXPECT_EQ(current, (*QSParseFileName(name))[0]) << name;
+    EXPECT_EQ(number, version->index()) << name;
+  }
+  EXPECT_GT(accepted, 1000u);  // the random names reach both answers
 }
