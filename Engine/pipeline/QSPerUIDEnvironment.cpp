@@ -184,6 +184,7 @@ bool QSPerUIDEnvironment::beginJob(const std::shared_ptr<QSToken>& token) {
   if (!token || queue_.front().value_or(nullptr) != token) return false;
   jobToken_ = token;
   jobCancelled_.store(false);
+  transferPlan_.reset();
   report_ = std::make_unique<QSJobReport>(uid_);
   return true;
 }
@@ -246,6 +247,7 @@ void QSPerUIDEnvironment::endJob() {
   jobToken_.reset();
   stage_ = kStageFinished;
   root_.reset();
+  transferPlan_.reset();
   tally_.set(nullptr);
 }
 
@@ -293,6 +295,7 @@ void QSPerUIDEnvironment::runDestinationTallyWithToken(const std::shared_ptr<QST
   if (!host_ || !host_->skipTransfer()) {
     QSFSDepthFirstTreeTraversal walk(&jobCancelled_);
     walk.traverseTree_withVisitor(root_, *instrument);
+    transferPlan_ = instrument->plan();
   }
   client_->finishedDestinationTally_withUID(tally(), uid_);
   setStage(kStageDestinationTallyDone);
@@ -302,6 +305,7 @@ void QSPerUIDEnvironment::runBackupWithToken(const std::shared_ptr<QSToken>& tok
   client_->startedTransferTally_withUID(tally(), uid_);
   setStage(kStageTransfer);
   auto instrument = makeInstrument(token, false);
+  if (!host_ || host_->planTransfers()) instrument->setPlan(std::move(transferPlan_));
   if ((!host_ || !host_->skipTransfer()) && !jobCancelled_.load()) {
     const QSBackupFolderWrites::Scope writing;
     QSFSDepthFirstTreeTraversal walk(&jobCancelled_);

@@ -206,6 +206,8 @@ class QSPerUIDEnvironment : public platform::Object,
   retained_atomic_ptr<const std::set<std::string>> categoryFilter_;
   retained_atomic_ptr<const std::string> destinationPath_;
   std::shared_ptr<QSFSMutableNode> root_;
+  // Where the job's transfer has work, as its dry run found it (the job's thread only).
+  std::shared_ptr<const class QSTransferPlan> transferPlan_;
   retained_atomic_ptr<QSMutableTally> tally_;
 
   // The job's destination, probed when the job starts.

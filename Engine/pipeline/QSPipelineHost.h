@@ -1,6 +1,8 @@
 // What the pipeline stages ask of the engine that runs them (the server):
-// whether continuous backup is on and whether copies are skipped.  Both
-// answers may change at any time and are read from stage threads.
+// whether continuous backup is on, whether copies are skipped, and whether a
+// transfer follows the plan its dry run made (opening only the folders with
+// work) or opens every folder.  The answers may change at any time and are
+// read from stage threads.
 #pragma once
 
 class QSPipelineHost {
@@ -8,4 +10,5 @@ class QSPipelineHost {
   virtual ~QSPipelineHost() = default;
   virtual bool supportsContinuousBackup() const = 0;
   virtual bool skipTransfer() const = 0;
+  virtual bool planTransfers() const { return true; }
 };

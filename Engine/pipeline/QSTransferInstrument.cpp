@@ -40,10 +40,16 @@ void QSTransferInstrument::startTraversalOfRoot(const std::shared_ptr<QSFSNode>&
   QSFSBasicNodeVisitor::startTraversalOfRoot(root);
   root_ = root.get();
   contiguousFailedCopyCount_ = 0;
+  completePlan_.reset();
+  planning_ = isDryRun_ ? std::make_shared<QSTransferPlan>(categoryFilter_) : nullptr;
+  if (planning_) planning_->noteWorkIn(root_);
 }
 
 void QSTransferInstrument::finishTraversalOfRoot(const std::shared_ptr<QSFSNode>& root) {
   contiguousFailedCopyCount_ = 0;
+  // A dry run cut short by a stop saw only part of the tree.
+  if (planning_ && !(isCancelled_ && isCancelled_->load())) completePlan_ = std::move(planning_);
+  planning_.reset();
   root_ = nullptr;
   QSFSBasicNodeVisitor::finishTraversalOfRoot(root);
 }
@@ -58,7 +64,13 @@ bool QSTransferInstrument::startVisit(const std::shared_ptr<QSFSNode>& node) {
   if (!(categories & categoryFilter_)) return false;
   if (isCancelled_ && isCancelled_->load()) return false;
   if (source.type == kQSFSTypeFolder) {
-    if (!isDryRun_) visitFolder(*node);
+    if (planning_) {
+      if (node->destinationAttributes().type != kQSFSTypeFolder) planning_->noteWorkIn(node.get());
+    } else if (!isDryRun_) {
+      // Following a plan, a folder without work is not opened (nor looked at on the disk).
+      if (plan_ && plan_->categoryFilter() == categoryFilter_ && !plan_->opens(node.get())) return false;
+      visitFolder(*node);
+    }
   } else if (source.type == kQSFSTypeFile) {
     visitFile(node, categories);
   }
@@ -111,6 +123,7 @@ bool QSTransferInstrument::copyNode_inCategory_fileSize_sizeOfLatestVersion(cons
                                                                            int64_t fileSize,
                                                                            int64_t sizeOfLatestVersion) {
   if (isDryRun_) {
+    if (planning_) planning_->noteWorkIn(node->parent() ? node->parent() : root_);
     tally_->increaseBytesBy_filesBy_forExpectedCategory(fileSize, 1, category);
     return true;
   }

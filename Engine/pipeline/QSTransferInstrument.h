@@ -18,6 +18,11 @@
 // still visits the remaining siblings of the nodes it has opened).  The
 // instrument runs on one thread and takes no lock.
 //
+// A dry run that goes to its end without being stopped leaves a plan of
+// the folders where a transfer over the same tree has work; a transfer
+// given that plan (made with its own category filter) opens only those
+// folders, and makes the same copies, folders and reports as without it.
+//
 // Copies are made as root on a disk that users can write to: files and
 // folders are created and pruned below the backup folder without crossing
 // a link or mount point, and, with a destination device set, never on any
@@ -37,6 +42,7 @@
 #include "Engine/files/QSFSNode.h"
 #include "Engine/files/QSFSNodeStack.h"
 #include "Engine/pipeline/QSTransferInstrumentDelegate.h"
+#include "Engine/pipeline/QSTransferPlan.h"
 #include "Engine/records/QSBackupError.h"
 #include "Engine/records/QSMutableTally.h"
 #include "platform/FileError.h"
@@ -65,6 +71,10 @@ class QSTransferInstrument : public QSFSBasicNodeVisitor {
   // The caller's stop flag (not owned; it must outlive the walk).
   void setTerminationFlag(const std::atomic<bool>* flag) { isCancelled_ = flag; }
 
+  // After a dry run that was not stopped: where a transfer of the same tree has work; otherwise nothing.
+  std::shared_ptr<const QSTransferPlan> plan() const { return completePlan_; }
+  // The plan for a transfer; ignored when made with another category filter.
+  void setPlan(std::shared_ptr<const QSTransferPlan> plan) { plan_ = std::move(plan); }
   void startTraversalOfRoot(const std::shared_ptr<QSFSNode>& root) override;
   bool startVisit(const std::shared_ptr<QSFSNode>& node) override;
   void finishTraversalOfRoot(const std::shared_ptr<QSFSNode>& root) override;
@@ -92,4 +102,7 @@ class QSTransferInstrument : public QSFSBasicNodeVisitor {
   QSDestinationTraits traits_;
   std::optional<uint64_t> destinationDevice_;
   const std::atomic<bool>* isCancelled_ = nullptr;
+  std::shared_ptr<QSTransferPlan> planning_;              // a dry run's, while it runs
+  std::shared_ptr<const QSTransferPlan> completePlan_;   // a dry run's, once it ended unstopped
+  std::shared_ptr<const QSTransferPlan> plan_;           // a transfer's
 };

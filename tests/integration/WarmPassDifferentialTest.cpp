@@ -6,7 +6,8 @@
 // after each step both get a backup pass as the engine runs it (home walk,
 // backup-folder walk, merge, count, copy).  Twin A is followed by the real
 // watcher on the kernel's change events and walked warm whenever it can be;
-// twin B is not followed and is always walked whole.  Every pass must give
+// twin B is not followed and is always walked whole, and its transfers open
+// every folder instead of only those where the dry run found work.  Every pass must give
 // both the same client calls with the same tallies, and leave the same
 // copies on both backup folders.
 //
@@ -204,6 +205,7 @@ std::vector<std::string> contentsOf(const std::string& folder) {
 class WarmPassDifferentialTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    wholeHost_.plan = false;
     if (::geteuid() != 0) GTEST_SKIP() << "the watcher needs root";
     if (auto reason = FileSystemImage::unavailableReason(FileSystemImage::Kind::Ext4)) GTEST_SKIP() << *reason;
     skerrow_test::useShippedBlackList();
@@ -270,7 +272,8 @@ class WarmPassDifferentialTest : public ::testing::Test {
     warm.finish();
     if (&twin == &a_) sourceWarm_ += warm.isWarm();
 
-    auto environment = QSPerUIDEnvironment::initWithUserEnvironment_uid(twin.user, "U", &host_, &center_);
+    QSPipelineHost* host = &twin == &a_ ? &host_ : &wholeHost_;
+    auto environment = QSPerUIDEnvironment::initWithUserEnvironment_uid(twin.user, "U", host, &center_);
     auto token = delegate_.token(twin.backup, "U", true, 2, skerrow_test::allCategories());
     token->setTree_tally(builder.root(), builder.tally());
     if (prefetch) token->setDestinationPrefetch(prefetch);
@@ -357,6 +360,7 @@ class WarmPassDifferentialTest : public ::testing::Test {
   JournalFeed feed_;
   std::shared_ptr<QSFSWatcher> watcher_;
   skerrow_test::TestPipelineHost host_;
+  skerrow_test::TestPipelineHost wholeHost_;  // twin B's: transfers open every folder
   // Outlives the environments, which the token delegate keeps with its records of runs.
   platform::NotificationCenter center_;
   skerrow_test::TokenDelegate delegate_;

@@ -246,8 +246,10 @@ class TestPipelineHost : public QSPipelineHost {
  public:
   std::atomic<bool> continuous{false};
   std::atomic<bool> skip{false};
+  std::atomic<bool> plan{true};
   bool supportsContinuousBackup() const override { return continuous.load(); }
   bool skipTransfer() const override { return skip.load(); }
+  bool planTransfers() const override { return plan.load(); }
 };
 
 // One failure as the instrument's delegate saw it: the record and the

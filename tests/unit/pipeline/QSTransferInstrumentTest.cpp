@@ -39,7 +39,7 @@ class QSTransferInstrumentTest : public ::testing::Test {
 
   void walk(const std::shared_ptr<QSFSMutableNode>& root, bool dryRun, uint32_t depth = 2,
             std::optional<std::set<std::string>> categories = skerrow_test::allCategories(),
-            const std::atomic<bool>* flag = nullptr) {
+            const std::atomic<bool>* flag = nullptr, std::shared_ptr<const QSTransferPlan> plan = nullptr) {
     tally = QSMutableTally::init();
     recorder.failures.clear();
     instrument = std::make_unique<QSTransferInstrument>(home, destination, std::move(categories), tally, depth);
@@ -47,6 +47,7 @@ class QSTransferInstrumentTest : public ::testing::Test {
     instrument->setDelegate(&recorder);
     instrument->setDestinationTraits(QSDestinationTraits::probe(destination));
     instrument->setTerminationFlag(flag);
+    instrument->setPlan(std::move(plan));
     QSFSDepthFirstTreeTraversal(flag).traverseTree_withVisitor(root, *instrument);
   }
 
@@ -355,4 +356,63 @@ TEST_F(QSTransferInstrumentTest, FoldersAndFilesOutsideTheCategoryFilterAreSkipp
   walk(tree(), false, 2, std::nullopt);
   EXPECT_TRUE(recorder.failures.empty());
   EXPECT_EQ(listing(destination), (Listing{"Pictures"}));
+}
+
+TEST_F(QSTransferInstrumentTest, ADryRunPlansTheFoldersOnTheWayToWorkAndATransferFollowingThePlanOpensNoOther) {
+  dir.write("ann/Documents/a/b/changed.txt", "one");
+  dir.write("ann/Documents/x/y/same.txt", "same");
+  dir.write("ann/Pictures/p.jpg", "pic");
+  backUp();
+  ASSERT_TRUE(recorder.failures.empty());
+  dir.write("ann/Documents/a/b/changed.txt", "one, longer now");
+  std::filesystem::create_directories(home + "/Music/new/empty");
+
+  const auto root = tree();
+  walk(root, true);
+  const auto plan = instrument->plan();
+  ASSERT_NE(plan, nullptr);
+  for (const char* folder : {"Documents", "Documents/a", "Documents/a/b", "Music", "Music/new", "Music/new/empty"})
+    EXPECT_TRUE(plan->opens(nodeAt(root, folder).get())) << folder;
+  EXPECT_TRUE(plan->opens(root.get()));
+  for (const char* folder : {"Documents/x", "Documents/x/y", "Pictures"})
+    EXPECT_FALSE(plan->opens(nodeAt(root, folder).get())) << folder;
+  EXPECT_EQ(plan->folderCount(), 7u);
+
+  // A folder the dry run saw in the backup folder, away from any work, is
+  // not looked at again: taken away now, it is not made again by this transfer.
+  std::filesystem::remove_all(destination + "/Documents/x");
+  walk(root, false, 2, skerrow_test::allCategories(), nullptr, plan);
+  EXPECT_TRUE(recorder.failures.empty());
+  EXPECT_EQ(listing(destination),
+            (Listing{"Documents/", "Documents/a/", "Documents/a/b/", "Documents/a/b/changed@0.txt",
+                     "Documents/a/b/changed@1.txt", "Music/", "Music/new/", "Music/new/empty/", "Pictures/",
+                     "Pictures/p@0.jpg"}));
+  EXPECT_EQ(transferredCounts(*tally, "Documents"), (Counts{1, 15}));
+
+  // Without a plan the same transfer opens every folder and makes the missing one again.
+  walk(tree(), false);
+  EXPECT_TRUE(std::filesystem::is_directory(destination + "/Documents/x/y"));
+}
+
+TEST_F(QSTransferInstrumentTest, APlanMadeWithAnotherCategoryFilterIsIgnoredByTheTransfer) {
+  dir.write("ann/Documents/d.txt", "doc");
+  dir.write("ann/Pictures/p.jpg", "pic");
+  const auto root = tree();
+  walk(root, true, 2, std::set<std::string>{"Documents"});
+  const auto plan = instrument->plan();
+  ASSERT_NE(plan, nullptr);
+  EXPECT_FALSE(plan->opens(nodeAt(root, "Pictures").get()));
+  // Pictures joined the backup between its dry run and its transfer.
+  walk(root, false, 2, skerrow_test::allCategories(), nullptr, plan);
+  EXPECT_TRUE(recorder.failures.empty());
+  EXPECT_EQ(listing(destination), (Listing{"Documents/", "Documents/d@0.txt", "Pictures/", "Pictures/p@0.jpg"}));
+}
+
+TEST_F(QSTransferInstrumentTest, ADryRunThatWasStoppedLeavesNoPlan) {
+  dir.write("ann/Documents/d.txt", "doc");
+  std::atomic<bool> stop{true};
+  walk(tree(), true, 2, skerrow_test::allCategories(), &stop);
+  EXPECT_EQ(instrument->plan(), nullptr);
+  walk(tree(), true);
+  EXPECT_NE(instrument->plan(), nullptr);
 }
