@@ -24,11 +24,13 @@ std::string_view withoutTrailingSlashes(std::string_view path) {
 
 }  // namespace
 
-std::string lastPathComponent(std::string_view path) {
+std::string lastPathComponent(std::string_view path) { return std::string(lastPathComponentView(path)); }
+
+std::string_view lastPathComponentView(std::string_view path) {
   path = withoutTrailingSlashes(path);
   if (path == "/") return "/";
   const size_t slash = path.rfind('/');
-  return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
+  return slash == std::string_view::npos ? path : path.substr(slash + 1);
 }
 
 std::string deletingLastPathComponent(std::string_view path) {

@@ -11,6 +11,8 @@ namespace platform {
 std::string appendingPathComponent(std::string_view folder, std::string_view name);
 // The part after the last "/" (trailing slashes ignored); "/" for "/".
 std::string lastPathComponent(std::string_view path);
+// The same without a copy: a view into `path` (or of "/").
+std::string_view lastPathComponentView(std::string_view path);
 // Everything before the last component, without a trailing slash ("/" for
 // a component directly below the root, "" for a bare name).
 std::string deletingLastPathComponent(std::string_view path);

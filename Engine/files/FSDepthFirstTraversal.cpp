@@ -64,6 +64,13 @@ size_t FSDepthFirstTraversal::listingBound() { return bound.load(std::memory_ord
 void FSDepthFirstTraversal::setListingBound(size_t entries) { bound.store(entries < 1 ? 1 : entries); }
 
 std::string FSDepthFirstTraversal::join(const std::string& folder, const std::string& name) {
-  if (!folder.empty() && folder.back() == '/') return folder + name;
-  return folder + "/" + name;
+  std::string path;
+  joinInto(&path, folder, name);
+  return path;
+}
+
+void FSDepthFirstTraversal::joinInto(std::string* path, const std::string& folder, const std::string& name) {
+  path->assign(folder);
+  if (folder.empty() || folder.back() != '/') path->push_back('/');
+  path->append(name);
 }

@@ -89,6 +89,8 @@ class FSDepthFirstTraversal {
   template <typename Read, typename Each>
   void forEachEntry(Folder& folder, Read read, Each each);
   static std::string join(const std::string& folder, const std::string& name);
+  // The same into `path`, whose storage is reused (one buffer serves all the entries of a folder).
+  static void joinInto(std::string* path, const std::string& folder, const std::string& name);
 
   FSVisitor* visitor_ = nullptr;
 

@@ -52,7 +52,7 @@ void FSDestinationTraversal::visit(Folder* parent, const std::string& name, cons
   // A group is the copies of one name in any letter case; the groups are
   // visited in the order their first copies were read.
   std::vector<Copy> copies;
-  std::string currentName;
+  std::string currentName, entryPath;
   forEachEntry(
       folder,
       [this](platform::Directory& directory, std::vector<QSWalkMemo::Item>* read, size_t limit) {
@@ -74,7 +74,8 @@ void FSDestinationTraversal::visit(Folder* parent, const std::string& name, cons
           copies.push_back({platform::lowercase(currentName),
                             std::make_shared<QSFSVersion>(entry, QSFSFileAttributes::fromStoredCopyAttributes(a), index)});
         } else if (a.isDirectory()) {
-          visit(&folder, entry, join(path, entry), a);
+          joinInto(&entryPath, path, entry);
+          visit(&folder, entry, entryPath, a);
         }
       });
   visitGroups(path, copies);
@@ -101,10 +102,11 @@ void FSDestinationTraversal::visitGroups(const std::string& path, const std::vec
   }
   std::sort(runs.begin(), runs.end(), [](const Run& a, const Run& b) { return a.first < b.first; });
   QSFSVersionArray versions;
+  std::string groupPath;
   for (const Run& run : runs) {
     versions.clear();
     for (uint32_t i = run.begin; i < run.end; ++i) versions.push_back(copies[order[i]].version);
-    const std::string groupPath = join(path, copies[run.first].key);
+    joinInto(&groupPath, path, copies[run.first].key);
     visitor_->startVisitOfGroup_atPath(versions, groupPath);
     visitor_->finishVisitOfGroup_atPath(versions, groupPath);
   }

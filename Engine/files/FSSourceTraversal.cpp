@@ -35,6 +35,7 @@ void FSSourceTraversal::visit(Folder* parent, const std::string& name, const std
   if (attributes.isDirectory()) {
     if (visitor_->startVisitAtPath_attributes(path, attributes)) {
       Folder folder(parent, name, path);
+      std::string entryPath;
       forEachEntry(
           folder,
           [this](platform::Directory& directory, std::vector<QSWalkMemo::Item>* read, size_t limit) {
@@ -47,7 +48,8 @@ void FSSourceTraversal::visit(Folder* parent, const std::string& name, const std
             return false;
           },
           [&](const std::string& entry, const platform::FileAttributes& a) {
-            visit(&folder, entry, join(path, entry), a);
+            joinInto(&entryPath, path, entry);
+            visit(&folder, entry, entryPath, a);
           });
     }
     visitor_->finishVisitAtPath_attributes(path, attributes);

@@ -24,7 +24,7 @@ const QSFSChildMap& emptyChildren() {
 static_assert(sizeof(QSFSMutableNode) == 88, "a node and its shared count fill one 112-byte heap block");
 
 std::shared_ptr<QSFSNode> QSFSNode::init() { return QSFSMutableNode::init(); }
-std::shared_ptr<QSFSNode> QSFSNode::initWithPath(const std::string& path) { return QSFSMutableNode::initWithPath(path); }
+std::shared_ptr<QSFSNode> QSFSNode::initWithPath(std::string_view path) { return QSFSMutableNode::initWithPath(path); }
 std::shared_ptr<QSFSNode> QSFSNode::initWithFileName_versions(const std::string& fileName,
                                                               const QSFSVersionArray* versions) {
   return QSFSMutableNode::initWithFileName_versions(fileName, versions);
@@ -32,7 +32,7 @@ std::shared_ptr<QSFSNode> QSFSNode::initWithFileName_versions(const std::string&
 
 std::shared_ptr<QSFSMutableNode> QSFSMutableNode::init() { return std::make_shared<QSFSMutableNode>(Passkey()); }
 
-std::shared_ptr<QSFSMutableNode> QSFSMutableNode::initWithPath(const std::string& path) {
+std::shared_ptr<QSFSMutableNode> QSFSMutableNode::initWithPath(std::string_view path) {
   auto node = init();
   node->path_ = QSFSName(path);
   return node;

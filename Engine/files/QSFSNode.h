@@ -29,7 +29,7 @@ class QSFSNode {
  public:
   // A node with no path, no children and no versions.
   static std::shared_ptr<QSFSNode> init();
-  static std::shared_ptr<QSFSNode> initWithPath(const std::string& path);
+  static std::shared_ptr<QSFSNode> initWithPath(std::string_view path);
   // With versions, keeps a copy of them sorted newest first.
   static std::shared_ptr<QSFSNode> initWithFileName_versions(const std::string& fileName,
                                                              const QSFSVersionArray* versions);
@@ -112,7 +112,7 @@ class QSFSNode {
 class QSFSMutableNode : public QSFSNode {
  public:
   static std::shared_ptr<QSFSMutableNode> init();
-  static std::shared_ptr<QSFSMutableNode> initWithPath(const std::string& path);
+  static std::shared_ptr<QSFSMutableNode> initWithPath(std::string_view path);
   static std::shared_ptr<QSFSMutableNode> initWithFileName_versions(const std::string& fileName,
                                                                     const QSFSVersionArray* versions);
   // Any node as a mutable node (every node is made as one).

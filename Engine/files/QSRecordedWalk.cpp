@@ -127,18 +127,26 @@ void QSRecordedWalk::playTo(FSVisitor& visitor, const std::atomic<bool>* stop) c
   visitor.startTraversalOfPath(top_);
   std::vector<std::string> paths;  // the items started and not finished
   QSFSVersionArray group;
-  auto pathOf = [&](const Step& step) {
-    const std::string name(names_, step.nameOffset, step.nameLength);
-    return paths.empty() ? name : join(paths.back(), name);
+  std::string path;  // one buffer for every step's path
+  auto pathOf = [&](const Step& step) -> std::string& {
+    const std::string_view name(names_.data() + step.nameOffset, step.nameLength);
+    if (paths.empty()) {
+      path.assign(name);
+    } else {
+      path.assign(paths.back());
+      if (path.empty() || path.back() != '/') path.push_back('/');
+      path.append(name);
+    }
+    return path;
   };
   for (size_t i = 0; i < steps_.size(); ++i) {
     if (stop && stop->load(std::memory_order_relaxed)) break;
     const Step& step = steps_[i];
     switch (step.kind) {
       case Kind::StartItem: {
-        std::string path = pathOf(step);
+        pathOf(step);
         if (visitor.startVisitAtPath_attributes(path, attributes_[step.payload])) {
-          paths.push_back(std::move(path));
+          paths.push_back(path);
           break;
         }
         // Declined: the item's contents are skipped, its finish is made.
@@ -156,7 +164,7 @@ void QSRecordedWalk::playTo(FSVisitor& visitor, const std::atomic<bool>* stop) c
         break;
       case Kind::Group: {
         group.assign(versions_.begin() + step.payload, versions_.begin() + step.payload + step.count);
-        const std::string path = pathOf(step);
+        pathOf(step);
         visitor.startVisitOfGroup_atPath(group, path);
         if (stop && stop->load(std::memory_order_relaxed)) break;
         visitor.finishVisitOfGroup_atPath(group, path);

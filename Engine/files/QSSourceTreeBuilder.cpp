@@ -24,7 +24,7 @@ std::shared_ptr<QSFSNode> QSSourceTreeBuilder::sourceNode(const QSFSNodeStack& s
     root->setSourceAttributes(record);
     return root;
   }
-  auto node = QSFSMutableNode::initWithPath(platform::lastPathComponent(path));
+  auto node = QSFSMutableNode::initWithPath(platform::lastPathComponentView(path));
   node->setSourceAttributes(record);
   if (record.type == kQSFSTypeFile) {
     const QSCategoryMask mask = stack.applicableCategoryMask(node->path());
