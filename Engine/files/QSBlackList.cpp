@@ -4,6 +4,8 @@
 #include <cctype>
 #include <cstring>
 #include <optional>
+#include <functional>
+#include <string_view>
 #include <unordered_set>
 #include <mutex>
 #include <vector>
@@ -26,10 +28,17 @@ namespace {
 //  - a suffix can match only an item whose literal beginning it starts
 //    with; when it starts with none, it does not match (otherwise the full
 //    expression decides).
+// Looked up by view: the name tested is not copied for each lookup.
+struct ViewHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+};
+using LiteralSet = std::unordered_set<std::string, ViewHash, std::equal_to<>>;
+
 struct FastPaths {
   bool namesUsable = false;
-  std::unordered_set<std::string> files;       // lower-cased literals
-  std::unordered_set<std::string> extensions;  // lower-cased literals
+  LiteralSet files;       // lower-cased literals
+  LiteralSet extensions;  // lower-cased literals
   bool suffixesUsable = false;
   bool noSuffixItems = false;
   std::vector<std::string> suffixPrefixes;  // lower-cased literal beginnings
@@ -103,7 +112,7 @@ FastPaths fastPathsFor(const std::vector<std::string>& files, const std::vector<
                        const std::vector<std::string>& suffixes) {
   FastPaths fast;
   fast.namesUsable = true;
-  auto addLiterals = [&](const std::vector<std::string>& items, std::unordered_set<std::string>* set) {
+  auto addLiterals = [&](const std::vector<std::string>& items, LiteralSet* set) {
     if (items.empty()) set->insert("");  // the empty group matches only the empty text
     for (const std::string& item : items) {
       const auto literal = literalOf(item);
@@ -129,7 +138,7 @@ bool fastNameMatch(const FastPaths& fast, const std::string& name) {
   for (size_t i = 1; i < lower.size(); ++i) {
     const char c = lower[i - 1];
     if (c == '\n' || c == '\v' || c == '\f' || c == '\r') break;  // "(.+" stops at a line terminator
-    if (lower[i] == '.' && fast.extensions.count(lower.substr(i + 1))) return true;
+    if (lower[i] == '.' && fast.extensions.count(std::string_view(lower).substr(i + 1))) return true;
   }
   return false;
 }
@@ -244,10 +253,19 @@ bool QSBlackList::isPathSuffixBlacklisted(const std::string& pathSuffix) {
   const auto state = current();
   if (state->fast.noSuffixItems) return pathSuffix.empty();
   if (state->fast.suffixesUsable && isAscii(pathSuffix)) {
-    const std::string lower = asciiLower(pathSuffix);
+    // Compared letter by letter, ignoring ASCII case, without a lower-cased copy of the suffix.
+    const auto beginsWith = [&](const std::string& prefix) {
+      if (pathSuffix.size() < prefix.size()) return false;
+      for (size_t i = 0; i < prefix.size(); ++i) {
+        char c = pathSuffix[i];
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        if (c != prefix[i]) return false;
+      }
+      return true;
+    };
     bool candidate = false;
     for (const std::string& prefix : state->fast.suffixPrefixes)
-      if (lower.compare(0, prefix.size(), prefix) == 0) {
+      if (beginsWith(prefix)) {
         candidate = true;
         break;
       }
