@@ -67,7 +67,7 @@ void QSFSChildMap::setNode(Node node) {
   slots_[i] = ((hash >> 32) << 32) | entries_.size();
 }
 
-QSFSChildMap::Node QSFSChildMap::objectForKey(const std::string& name) const {
+QSFSChildMap::Node QSFSChildMap::objectForKey(std::string_view name) const {
   if (entries_.empty()) return nullptr;
   bool found = false;
   const size_t i = probe(name, hashOf(name), &found);

@@ -23,7 +23,7 @@ class QSFSChildMap {
   // Stores `node` under its file name, replacing a child of the same name in any letter case.
   void setNode(Node node);
   // The child of that name in any letter case, or nullptr.
-  Node objectForKey(const std::string& name) const;
+  Node objectForKey(std::string_view name) const;
   void removeObjectForKey(const std::string& name);
   void removeAllObjects();
   uint32_t count() const { return static_cast<uint32_t>(entries_.size()); }

@@ -25,7 +25,7 @@ static_assert(sizeof(QSFSMutableNode) == 88, "a node and its shared count fill o
 
 std::shared_ptr<QSFSNode> QSFSNode::init() { return QSFSMutableNode::init(); }
 std::shared_ptr<QSFSNode> QSFSNode::initWithPath(std::string_view path) { return QSFSMutableNode::initWithPath(path); }
-std::shared_ptr<QSFSNode> QSFSNode::initWithFileName_versions(const std::string& fileName,
+std::shared_ptr<QSFSNode> QSFSNode::initWithFileName_versions(std::string_view fileName,
                                                               const QSFSVersionArray* versions) {
   return QSFSMutableNode::initWithFileName_versions(fileName, versions);
 }
@@ -38,7 +38,7 @@ std::shared_ptr<QSFSMutableNode> QSFSMutableNode::initWithPath(std::string_view 
   return node;
 }
 
-std::shared_ptr<QSFSMutableNode> QSFSMutableNode::initWithFileName_versions(const std::string& fileName,
+std::shared_ptr<QSFSMutableNode> QSFSMutableNode::initWithFileName_versions(std::string_view fileName,
                                                                             const QSFSVersionArray* versions) {
   auto node = initWithPath(fileName);
   if (versions) node->setVersions(*versions);
@@ -55,7 +55,7 @@ std::string_view QSFSNode::fileNameView() const {
   return p.substr(slash + 1);
 }
 
-std::shared_ptr<QSFSNode> QSFSNode::childWithName(const std::string& name) const {
+std::shared_ptr<QSFSNode> QSFSNode::childWithName(std::string_view name) const {
   return children_ ? children_->objectForKey(name) : nullptr;
 }
 

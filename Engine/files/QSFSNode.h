@@ -31,7 +31,7 @@ class QSFSNode {
   static std::shared_ptr<QSFSNode> init();
   static std::shared_ptr<QSFSNode> initWithPath(std::string_view path);
   // With versions, keeps a copy of them sorted newest first.
-  static std::shared_ptr<QSFSNode> initWithFileName_versions(const std::string& fileName,
+  static std::shared_ptr<QSFSNode> initWithFileName_versions(std::string_view fileName,
                                                              const QSFSVersionArray* versions);
 
   QSFSNode(const QSFSNode&) = delete;
@@ -54,7 +54,7 @@ class QSFSNode {
   std::string_view fileNameView() const;
   // Whether a versions list exists, even an empty one.
   bool hasVersions() const { return firstVersion_ || moreVersions_; }
-  std::shared_ptr<QSFSNode> childWithName(const std::string& name) const;
+  std::shared_ptr<QSFSNode> childWithName(std::string_view name) const;
   // The children in the map's order.
   std::vector<std::shared_ptr<QSFSNode>> childEnumerator() const;
   const std::shared_ptr<QSFSVersion>& latestVersion() const;
@@ -113,7 +113,7 @@ class QSFSMutableNode : public QSFSNode {
  public:
   static std::shared_ptr<QSFSMutableNode> init();
   static std::shared_ptr<QSFSMutableNode> initWithPath(std::string_view path);
-  static std::shared_ptr<QSFSMutableNode> initWithFileName_versions(const std::string& fileName,
+  static std::shared_ptr<QSFSMutableNode> initWithFileName_versions(std::string_view fileName,
                                                                     const QSFSVersionArray* versions);
   // Any node as a mutable node (every node is made as one).
   static std::shared_ptr<QSFSMutableNode> from(const std::shared_ptr<QSFSNode>& node) {

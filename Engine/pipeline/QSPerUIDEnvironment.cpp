@@ -370,7 +370,7 @@ std::shared_ptr<QSFSNode> QSPerUIDEnvironment::nodeAtPath_attributes(const std::
     return root_;
   }
   auto parent = QSFSMutableNode::from(nodeStack_.top());
-  const std::string name = platform::lastPathComponent(path);
+  const std::string_view name = platform::lastPathComponentView(path);
   auto child = parent->childWithName(name);
   if (!child) {
     child = QSFSMutableNode::initWithPath(name);
@@ -384,7 +384,7 @@ std::shared_ptr<QSFSNode> QSPerUIDEnvironment::groupNodeAtPath_versions(const st
                                                                         const QSFSVersionArray& versions) {
   if (nodeStack_.size() == 0 || versions.empty()) return nullptr;
   auto parent = QSFSMutableNode::from(nodeStack_.top());
-  const std::string name = platform::lastPathComponent(path);
+  const std::string_view name = platform::lastPathComponentView(path);
   auto child = parent->childWithName(name);
   if (!child) {
     child = QSFSMutableNode::initWithFileName_versions(name, &versions);
