@@ -15,13 +15,54 @@ bool parseCount(const std::string& text, uint64_t* out) {
   return true;
 }
 
+// Letters to change, add or take away to turn one word into the other.
+size_t editDistance(const std::string& a, const std::string& b) {
+  std::vector<size_t> row(b.size() + 1);
+  for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+  for (size_t i = 1; i <= a.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i;
+    for (size_t j = 1; j <= b.size(); ++j) {
+      const size_t above = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
+      diagonal = above;
+    }
+  }
+  return row[b.size()];
+}
+
+// The command someone who typed `word` most likely meant: the one other
+// tools call by that name, or one a slip of a letter or two away; empty
+// when none is near.
+std::string likelyCommand(const std::string& word, const CLI::App& app) {
+  static const std::pair<const char*, const char*> kOtherNames[] = {
+      {"status", "list"},  {"info", "list"},     {"ls", "list"},     {"show", "list"},   {"run", "backup"},
+      {"start", "backup"}, {"now", "backup"},    {"stop", "cancel"}, {"abort", "cancel"}, {"add", "manage"},
+      {"init", "manage"},  {"remove", "forget"}, {"rm", "forget"},   {"history", "versions"}};
+  for (const auto& [other, command] : kOtherNames)
+    if (word == other) return command;
+  std::string best;
+  size_t bestDistance = 3;  // a slip of at most two letters
+  for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+    const size_t distance = editDistance(word, command->get_name());
+    if (distance < bestDistance && distance < command->get_name().size()) {
+      best = command->get_name();
+      bestDistance = distance;
+    }
+  }
+  return best;
+}
+
 // CLI11's words for a mistake, in skerrowctl's own.
 std::string explain(const CLI::ParseError& e, const CLI::App& app, const std::vector<std::string>& argv) {
   const std::string what = e.what();
   if (dynamic_cast<const CLI::ExtrasError*>(&e) && app.get_subcommands().empty()) {
     // The first word that is not an option was no command.
-    for (const auto& word : argv)
-      if (!word.empty() && word[0] != '-') return "unknown command \"" + word + "\"";
+    for (const auto& word : argv) {
+      if (word.empty() || word[0] == '-') continue;
+      const std::string meant = likelyCommand(word, app);
+      return "unknown command \"" + word + "\"" + (meant.empty() ? "" : " (did you mean \"" + meant + "\"?)");
+    }
   }
   return what;
 }

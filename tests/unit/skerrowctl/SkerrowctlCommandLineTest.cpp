@@ -39,6 +39,15 @@ TEST(SkerrowctlCommandLineTest, MistakesAreRefusedWithAReason) {
   EXPECT_EQ(error, "no command given");
   EXPECT_FALSE(parse({"explode"}, &error));
   EXPECT_EQ(error, "unknown command \"explode\"");
+  // A command other tools call by another name, or a slip of a letter or two, is named.
+  EXPECT_FALSE(parse({"status"}, &error));
+  EXPECT_EQ(error, "unknown command \"status\" (did you mean \"list\"?)");
+  EXPECT_FALSE(parse({"bakcup"}, &error));
+  EXPECT_EQ(error, "unknown command \"bakcup\" (did you mean \"backup\"?)");
+  EXPECT_FALSE(parse({"mout", "/tmp/x"}, &error));
+  EXPECT_EQ(error, "unknown command \"mout\" (did you mean \"mount\"?)");
+  EXPECT_FALSE(parse({"xyzzy"}, &error));
+  EXPECT_EQ(error, "unknown command \"xyzzy\"");
   EXPECT_FALSE(parse({"versions"}, &error));
   EXPECT_EQ(error, "\"versions\" needs more arguments: versions PATH [--backup UID]");
   EXPECT_FALSE(parse({"cancel", "a", "b"}, &error));
