@@ -113,10 +113,13 @@ void FSDepthFirstTraversal::forEachEntry(Folder& folder, Read read, Each each) {
     ++foldersReused_;
     if (next_) next_->addListing(folder.path(), *listing);
     std::string name;
-    for (size_t i = 0; i < listing->size(); ++i) {
+    std::string_view read;
+    platform::FileAttributes attributes;
+    QSWalkMemo::Listing::Reader reader(*listing);
+    while (reader.next(&read, &attributes)) {
       if (shouldStop()) return;
-      name.assign(listing->nameAt(i));
-      each(name, listing->attributesAt(i));
+      name.assign(read);
+      each(name, attributes);
     }
     return;
   }

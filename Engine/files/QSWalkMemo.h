@@ -4,10 +4,16 @@
 // from here instead of the disk when the change journal says nothing in it
 // changed since this walk began (its `mark`).
 //
-// Kept compactly (about 40 bytes and the name per entry): of the attributes,
-// the type, the logical size, the modification and creation times and the
-// creation time's source are kept — all that the walks' receivers use;
-// the others read back as 0.
+// Kept compactly: of the attributes, the type, the logical size, the
+// modification and creation times and the creation time's source are kept —
+// all that the walks' receivers use; the others read back as 0.  Each
+// listing is one run of bytes, its entries one after the other, each the
+// name and those attributes packed (small numbers in few bytes, times as
+// distances from the previous entry's, a creation time equal to the
+// modification time or zero in no bytes at all): about 12–25 bytes and the
+// name per entry.  The runs lie in blocks that never
+// move, so that the memo grows without copying what it holds and holds
+// little more than it uses.
 //
 // A memo may borrow from an earlier one: a listing taken unchanged from the
 // earlier memo's storage is referred to, not copied, so that a warm walk
@@ -32,6 +38,8 @@
 #include "platform/FileAttributes.h"
 
 class QSWalkMemo {
+  struct Storage;
+
  public:
   struct Item {
     std::string name;
@@ -40,19 +48,40 @@ class QSWalkMemo {
 
   class Listing {
    public:
+    // Reads a listing's entries in order.
+    class Reader {
+     public:
+      explicit Reader(const Listing& listing) : at_(listing.bytes_), left_(listing.count_) {}
+      // The next entry's name (valid while the memo lives) and kept
+      // attributes; false after the last.
+      bool next(std::string_view* name, platform::FileAttributes* attributes);
+
+     private:
+      const unsigned char* at_;
+      uint32_t left_;
+      int64_t modificationSeconds_ = 0;  // of the entry read last
+      int64_t creationSeconds_ = 0;
+    };
+
     size_t size() const { return count_; }
-    std::string_view nameAt(size_t i) const;
-    platform::FileAttributes attributesAt(size_t i) const;
+    // The entries, decoded (for tests and tools; a walk reads with a Reader).
+    std::vector<Item> items() const;
     // The same names in the same order with the same kept attributes.
     bool operator==(const Listing& other) const;
 
    private:
     friend class QSWalkMemo;
-    Listing(const QSWalkMemo* memo, uint32_t first, uint32_t count) : memo_(memo), first_(first), count_(count) {}
-    const QSWalkMemo* memo_;
-    uint32_t first_;
+    Listing(const Storage* storage, const unsigned char* bytes, uint32_t byteLength, uint32_t count)
+        : storage_(storage), bytes_(bytes), byteLength_(byteLength), count_(count) {}
+    const Storage* storage_;  // holds the bytes
+    const unsigned char* bytes_;
+    uint32_t byteLength_;
     uint32_t count_;
   };
+
+  QSWalkMemo() = default;
+  QSWalkMemo(const QSWalkMemo&) = delete;
+  QSWalkMemo& operator=(const QSWalkMemo&) = delete;
 
   // Lets this memo, still empty, refer to the listings of `earlier` (or of
   // the storage `earlier` borrows from) instead of copying them.
@@ -77,44 +106,37 @@ class QSWalkMemo {
   template <typename Each>
   void enumerateFolders(Each each) const {
     for (const auto& [path, range] : folders_) each(path);
-    for (const auto& folder : sealed_) each(std::string(sealedPath(folder)));
+    for (const auto& folder : sealed_) each(sealedPrefix_ + std::string(sealedPath(folder)));
   }
 
+  // Folders listed (a folder listed again since `shrinkToFit` counts twice until the next).
   size_t folderCount() const { return folders_.size() + sealed_.size(); }
   // Entries of the listings recorded (borrowed ones included).
-  size_t itemCount() const { return entries_.size() + borrowedItems_; }
+  size_t itemCount() const { return ownItems_ + borrowedItems_; }
   // Entries of the listings borrowed from an earlier memo's storage.
   size_t borrowedItemCount() const { return borrowedItems_; }
   // Bytes held, about (the storage borrowed from included).
   size_t byteCount() const;
-  // Makes room ahead for about `items` entries in `folders` folders whose names take `nameBytes`.
-  void reserve(size_t items, size_t nameBytes, size_t folders);
-  size_t nameByteCount() const { return names_.size() + borrowedNameBytes_; }
-  // Gives back the room made ahead and not used, when it is more than a
-  // little, packs the folders' index into two blocks (a map of a node
-  // per folder, made while the walk made its tree, would leave one small
-  // block on each of thousands of pages once the tree is gone), and copies
-  // what it borrowed when borrowing no longer pays (see above).
+  // The storage of this memo's own listings, which later memos may borrow
+  // and keep alive after the memo itself is gone (for tests).
+  std::weak_ptr<const void> storage() const { return storage_; }
+  // Makes room ahead for the index of about `folders` folders.
+  void reserveFolders(size_t folders);
+  // Gives back what the walk no longer needs, packs the folders' index into
+  // two blocks (a map of a node per folder, made while the walk made its
+  // tree, would leave one small block on each of thousands of pages once
+  // the tree is gone), and copies what it borrowed when borrowing no longer
+  // pays (see above).
   void shrinkToFit();
 
  private:
-  struct Entry {
-    uint32_t nameOffset;
-    uint16_t nameLength;
-    platform::FileAttributes::Type type;
-    platform::FileAttributes::CreationSource creationSource;
-    uint32_t modificationNanoseconds;
-    uint32_t creationNanoseconds;
-    int64_t modificationSeconds;
-    int64_t creationSeconds;
-    uint64_t size;
-  };
-  static_assert(sizeof(Entry) == 40);
   struct Range {
-    uint32_t first;
-    uint32_t count;
-    bool borrowed = false;  // entries of base_, not of this memo
+    const unsigned char* bytes;
+    uint32_t byteLength;
+    uint32_t count : 31;
+    uint32_t borrowed : 1;  // bytes in base_, not in storage_
   };
+  static_assert(sizeof(Range) == 16);
 
   struct SealedFolder {
     uint32_t pathOffset;
@@ -125,19 +147,41 @@ class QSWalkMemo {
     return std::string_view(sealedPaths_).substr(folder.pathOffset, folder.pathLength);
   }
 
-  Listing listingIn(const Range& range) const { return Listing(range.borrowed ? base_.get() : this, range.first, range.count); }
-  // Copies the entries and names of `listing` to the end of this memo's own.
+  struct Block {
+    std::unique_ptr<unsigned char[]> bytes;
+    size_t capacity = 0;
+    size_t used = 0;
+  };
+
+  Listing listingIn(const Range& range) const {
+    return Listing(range.borrowed ? base_.get() : storage_.get(), range.bytes, range.byteLength, range.count);
+  }
+  // `length` bytes, side by side, in this memo's storage (never moved).
+  unsigned char* allocate(size_t length);
+  // Copies the bytes of `listing` to this memo's own storage.
   Range copyIn(const Listing& listing);
+  void record(const std::string& folder, const Range& range);
+  // Moves the folders added since the last packing into the sorted index.
+  void packIndex();
   // Makes every borrowed listing this memo's own and lets base_ go.
   void stopBorrowing();
-  std::shared_ptr<const QSWalkMemo> base_;  // storage lent, when borrowing
+  // Where a memo's own listings lie: blocks that never move.  Lent as a
+  // whole, without the memo's index, to the memos that borrow from it.
+  struct Storage {
+    std::vector<Block> blocks;
+    size_t items = 0;  // entries written
+    size_t byteCount() const;
+  };
+  std::shared_ptr<Storage> storage_ = std::make_shared<Storage>();
+  std::shared_ptr<const Storage> base_;  // storage lent, when borrowing
   size_t borrowedItems_ = 0;
-  size_t borrowedNameBytes_ = 0;
-  std::vector<Entry> entries_;
-  std::string names_;
+  size_t borrowedBytes_ = 0;
+  size_t ownItems_ = 0;
+  size_t ownBytes_ = 0;
   std::unordered_map<std::string, Range> folders_;  // while listings are added
   std::vector<SealedFolder> sealed_;                // after shrinkToFit, by path
-  std::string sealedPaths_;
+  std::string sealedPaths_;                         // each path after sealedPrefix_
+  std::string sealedPrefix_;                        // what all the sealed paths begin with
   uint64_t mark_ = 0;
   double fullWalkDate_ = 0;
 };

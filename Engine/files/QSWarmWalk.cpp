@@ -39,13 +39,11 @@ QSWarmWalk::QSWarmWalk(FSDepthFirstTraversal& traversal, std::string root, doubl
   if (warm_) {
     // What the walk takes as the last walk left it is borrowed, not copied.
     next_->borrowFrom(earlier_);
-    next_->reserve(0, 0, more(earlier_->folderCount()));
+    next_->reserveFolders(more(earlier_->folderCount()));
     next_->setFullWalkDate(earlier_->fullWalkDate());
     traversal_.setMemos(earlier_, changes_, next_);
   } else {
-    // Room for about what the last walk read, so that the memo grows without copies.
-    if (earlier_)
-      next_->reserve(more(earlier_->itemCount()), more(earlier_->nameByteCount()), more(earlier_->folderCount()));
+    if (earlier_) next_->reserveFolders(more(earlier_->folderCount()));
     traversal_.setMemos(nullptr, nullptr, next_);
   }
 }
