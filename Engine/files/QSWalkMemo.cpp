@@ -168,13 +168,14 @@ bool QSWalkMemo::Listing::operator==(const Listing& other) const {
 
 unsigned char* QSWalkMemo::allocate(size_t length) {
   if (length == 0) return nullptr;
-  if (!storage_->blocks.empty() && storage_->blocks.back().capacity - storage_->blocks.back().used >= length) {
-    Block& block = storage_->blocks.back();
+  std::vector<Block>& blocks = storage_->blocks;
+  if (!blocks.empty() && blocks.back().capacity - blocks.back().used >= length) {
+    Block& block = blocks.back();
     unsigned char* at = block.bytes.get() + block.used;
     block.used += length;
     return at;
   }
-  const size_t grown = storage_->blocks.empty() ? kFirstBlockBytes : std::min(2 * storage_->blocks.back().capacity, kLargestBlockBytes);
+  const size_t grown = blocks.empty() ? kFirstBlockBytes : std::min(2 * blocks.back().capacity, kLargestBlockBytes);
   Block block;
   block.capacity = std::max(length, grown);
   block.bytes = std::make_unique_for_overwrite<unsigned char[]>(block.capacity);
@@ -182,22 +183,24 @@ unsigned char* QSWalkMemo::allocate(size_t length) {
   unsigned char* at = block.bytes.get();
   // A listing larger than a block has a block of its own; the block being
   // filled stays the one to fill.
-  if (length > grown && !storage_->blocks.empty())
-    storage_->blocks.insert(storage_->blocks.end() - 1, std::move(block));
+  if (length > grown && !blocks.empty())
+    blocks.insert(blocks.end() - 1, std::move(block));
   else
-    storage_->blocks.push_back(std::move(block));
+    blocks.push_back(std::move(block));
   return at;
 }
 
-void QSWalkMemo::record(const std::string& folder, const Range& range) {
+void QSWalkMemo::count(const Range& range) {
   if (range.borrowed) {
     borrowedItems_ += range.count;
-    borrowedBytes_ += range.byteLength;
   } else {
     ownItems_ += range.count;
-    ownBytes_ += range.byteLength;
     storage_->items += range.count;
   }
+}
+
+void QSWalkMemo::record(const std::string& folder, const Range& range) {
+  count(range);
   folders_[folder] = range;
 }
 
@@ -244,15 +247,12 @@ void QSWalkMemo::stopBorrowing() {
   const auto own = [this](Range& range) {
     if (!range.borrowed) return;
     range = copyIn(Listing(base_.get(), range.bytes, range.byteLength, range.count));
-    ownItems_ += range.count;
-    ownBytes_ += range.byteLength;
-    storage_->items += range.count;
+    count(range);
   };
   for (auto& [path, range] : folders_) own(range);
   for (auto& folder : sealed_) own(folder.range);
   base_.reset();
   borrowedItems_ = 0;
-  borrowedBytes_ = 0;
 }
 
 std::optional<QSWalkMemo::Listing> QSWalkMemo::listingOf(const std::string& folder) const {
@@ -287,8 +287,11 @@ void QSWalkMemo::shrinkToFit() {
   if (base_ && (ownItems_ > borrowedItems_ / 8 || 2 * borrowedItems_ < base_->items)) stopBorrowing();
   // The block being filled, moved to one of the size it uses when more
   // than an eighth of it is empty; the listings in it are pointed there.
-  if (!storage_->blocks.empty() && storage_->blocks.back().capacity - storage_->blocks.back().used > storage_->blocks.back().capacity / 8) {
-    Block& last = storage_->blocks.back();
+  // Not once the storage is lent: what borrows points into it too.
+  std::vector<Block>& blocks = storage_->blocks;
+  if (!blocks.empty() && blocks.back().capacity - blocks.back().used > blocks.back().capacity / 8 &&
+      storage_.use_count() == 1) {
+    Block& last = blocks.back();
     const unsigned char* const from = last.bytes.get();
     const unsigned char* const end = from + last.used;
     auto moved = last.used ? std::make_unique_for_overwrite<unsigned char[]>(last.used) : nullptr;
@@ -302,10 +305,10 @@ void QSWalkMemo::shrinkToFit() {
       last.bytes = std::move(moved);
       last.capacity = last.used;
     } else {
-      storage_->blocks.pop_back();
+      blocks.pop_back();
     }
   }
-  storage_->blocks.shrink_to_fit();
+  blocks.shrink_to_fit();
   if (!folders_.empty()) packIndex();
 }
 

@@ -18,7 +18,8 @@
 // A memo may borrow from an earlier one: a listing taken unchanged from the
 // earlier memo's storage is referred to, not copied, so that a warm walk
 // costs in proportion to what it read, not to what it kept.  The storage
-// lent is always a memo that borrows nothing (chains stay one link long);
+// lent is always that of a memo that borrows nothing (chains stay one link
+// long), and only the storage: the lender's index goes with the lender;
 // once a memo's own listings grow large beside what it borrows, or it
 // borrows less than half of the storage it keeps alive, `shrinkToFit`
 // copies what it borrowed and lets the storage go.
@@ -122,11 +123,12 @@ class QSWalkMemo {
   std::weak_ptr<const void> storage() const { return storage_; }
   // Makes room ahead for the index of about `folders` folders.
   void reserveFolders(size_t folders);
-  // Gives back what the walk no longer needs, packs the folders' index into
-  // two blocks (a map of a node per folder, made while the walk made its
-  // tree, would leave one small block on each of thousands of pages once
-  // the tree is gone), and copies what it borrowed when borrowing no longer
-  // pays (see above).
+  // Ends the filling: listings taken from this memo before it may no
+  // longer be read.  Gives back what the walk no longer needs, packs the
+  // folders' index into two blocks (a map of a node per folder, made while
+  // the walk made its tree, would leave one small block on each of
+  // thousands of pages once the tree is gone), and copies what it borrowed
+  // when borrowing no longer pays (see above).
   void shrinkToFit();
 
  private:
@@ -160,6 +162,8 @@ class QSWalkMemo {
   unsigned char* allocate(size_t length);
   // Copies the bytes of `listing` to this memo's own storage.
   Range copyIn(const Listing& listing);
+  // Counts the entries of `range` among this memo's own or borrowed ones.
+  void count(const Range& range);
   void record(const std::string& folder, const Range& range);
   // Moves the folders added since the last packing into the sorted index.
   void packIndex();
@@ -175,9 +179,7 @@ class QSWalkMemo {
   std::shared_ptr<Storage> storage_ = std::make_shared<Storage>();
   std::shared_ptr<const Storage> base_;  // storage lent, when borrowing
   size_t borrowedItems_ = 0;
-  size_t borrowedBytes_ = 0;
   size_t ownItems_ = 0;
-  size_t ownBytes_ = 0;
   std::unordered_map<std::string, Range> folders_;  // while listings are added
   std::vector<SealedFolder> sealed_;                // after shrinkToFit, by path
   std::string sealedPaths_;                         // each path after sealedPrefix_

@@ -377,3 +377,19 @@ TEST(QSWalkMemoTest, AFileEntryTakesAboutHalfTheBytesOfItsAttributesWrittenOut) 
   EXPECT_LE(memo.byteCount(), nameBytes + 24 * items.size() + index);
   EXPECT_GE(memo.byteCount(), nameBytes + 12 * items.size());
 }
+
+TEST(QSWalkMemoTest, StorageAlreadyLentStaysWhereItIsWhenItsMemoIsPackedAfterwards) {
+  // The lender's block is mostly empty, which packing would otherwise move.
+  auto earlier = std::make_shared<QSWalkMemo>();
+  earlier->addListing("/a", {{"kept.txt", fileOf(5, 50, 500)}});
+  QSWalkMemo next;
+  next.borrowFrom(earlier);
+  next.addListing("/a", *earlier->listingOf("/a"));
+  EXPECT_EQ(next.borrowedItemCount(), 1u);
+  earlier->shrinkToFit();
+  const auto read = next.listingOf("/a")->items();
+  ASSERT_EQ(read.size(), 1u);
+  EXPECT_EQ(read[0].name, "kept.txt");
+  EXPECT_EQ(read[0].attributes.size, 5u);
+  EXPECT_TRUE(*next.listingOf("/a") == *earlier->listingOf("/a"));
+}
