@@ -33,6 +33,8 @@
 #           the pass that copies them, against rsync -a on the same change;
 #           the engine's peak and resident set after these passes
 set -euo pipefail
+# Times are read from bash's clock ($EPOCHREALTIME), written with a point.
+export LC_NUMERIC=C
 
 FILES=100000 BYTES=1.5G SEED=1 RUNS=3 BUILD=build KEEP=0 GIVEN_HOME="" WARM=0
 while getopts "n:b:s:r:B:H:kw" opt; do
@@ -65,7 +67,9 @@ cleanup() {
 }
 trap cleanup EXIT
 
-now() { date +%s.%N; }
+# Wall-clock seconds, read without starting a program (bash 5), so that
+# a stamp is not late by the time a fork takes.
+now() { echo "$EPOCHREALTIME"; }
 elapsed() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", b - a }'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
 median() { printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
@@ -129,7 +133,7 @@ startEngine() {  # startEngine LOG [realtime]: skerrowd -userApp on the bench's 
   [[ ${2:-} == realtime ]] && realtime=""
   ( env HOME="$W/engine" SKERROW_LOG_STDERR=1 LD_PRELOAD="$NSS" NSS_WRAPPER_PASSWD="$W/passwd" \
         NSS_WRAPPER_GROUP="$W/group" "$BUILD/bin/skerrowd" -userApp -noSchedule $realtime 2>&1 |
-      while IFS= read -r line; do printf '%s %s\n' "$(date +%s.%N)" "$line"; done > "$1" ) &
+      while IFS= read -r line; do printf '%s %s\n' "$EPOCHREALTIME" "$line"; done > "$1" ) &
   sleep 0.5
   ENGINE=$(pgrep -n -f "$BUILD/bin/skerrowd -userApp" || true)
   [[ -n $ENGINE ]] || { echo "skerrowd did not start"; cat "$1"; exit 1; }
