@@ -23,7 +23,8 @@
 #           its first backup, which finds nothing to copy (median)
 #   rss     skerrowd's peak resident set (VmHWM) after the first backup and
 #           its passes, and that of a restarted engine after its cold pass;
-#           its resident set (VmRSS) two seconds after that pass
+#           its resident set (VmRSS) two seconds after that pass, or just
+#           before the next pass if that begins sooner
 #   floor   the kernel calls alone of a no-change pass (stat of every item
 #           on both sides, the creation date of every copy), for scale
 #   warm    (-w) the engine with continuous backup, whose passes read again
@@ -41,7 +42,7 @@ while getopts "n:b:s:r:B:H:kw" opt; do
   case $opt in
     n) FILES=$OPTARG ;; b) BYTES=$OPTARG ;; s) SEED=$OPTARG ;; r) RUNS=$OPTARG ;; B) BUILD=$OPTARG ;; H) GIVEN_HOME=$OPTARG ;; k) KEEP=1 ;;
     w) WARM=1 ;;
-    *) sed -n '2,36p' "$0"; exit 2 ;;
+    *) sed -n '2,35p' "$0"; exit 2 ;;
   esac
 done
 [[ $(id -u) == 0 ]] || { echo "run as root (loop devices, mounts)"; exit 2; }
@@ -147,6 +148,29 @@ awaitSaves() {  # awaitSaves LOG N
   for _ in $(seq 1 3600); do [[ $(saves "$1") -ge $2 ]] && break; sleep 0.2; done
   [[ $(saves "$1") -ge $2 ]] || { echo "the backups did not finish"; tail -20 "$1"; exit 1; }
 }
+# lineOf LOG TEXT: the number of the last line of LOG holding TEXT (0: none).
+lineOf() { { grep -n "$2" "$1" || echo 0; } | tail -1 | cut -d: -f1; }
+# residentBetweenPasses LOG: the engine's VmRSS (kB) between two passes: 2 s
+# after the last one ended or, when the next begins sooner, the last reading
+# before it began.  The schedule starts a pass every 10 s and a large home's
+# pass takes most of that; a reading taken while the next pass builds its
+# trees would count them.  A pass under way is waited for first.
+residentBetweenPasses() {
+  local log=$1 starts rss reading ended
+  while (( $(lineOf "$log" "Starting UNSCHEDULED backup") > $(lineOf "$log" "Server did save to permanent store: 1") )); do
+    sleep 0.05
+  done
+  starts=$(grep -c "Starting UNSCHEDULED backup" "$log" || true)
+  ended=$EPOCHREALTIME
+  rss=$(awk '/VmRSS/ {print $2}' "/proc/$ENGINE/status")
+  while awk -v a="$ended" -v b="$EPOCHREALTIME" 'BEGIN { exit !(b - a < 2) }'; do
+    sleep 0.05
+    reading=$(awk '/VmRSS/ {print $2}' "/proc/$ENGINE/status")
+    [[ $(grep -c "Starting UNSCHEDULED backup" "$log" || true) == "$starts" ]] || break
+    rss=$reading
+  done
+  echo "$rss"
+}
 # passTime LOG K: the K-th pass (from 1) that started after the (K-1)-th save
 # (a tick that came while a backup still ran only joined it).
 passTime() {
@@ -168,8 +192,7 @@ for r in $(seq 1 "$RUNS"); do
   startEngine "$W/engine-cold$r.log"
   awaitSaves "$W/engine-cold$r.log" 1
   COLD_HWM+=("$(awk '/VmHWM/ {print $2}' "/proc/$ENGINE/status")")
-  sleep 2
-  COLD_RSS+=("$(awk '/VmRSS/ {print $2}' "/proc/$ENGINE/status")")
+  COLD_RSS+=("$(residentBetweenPasses "$W/engine-cold$r.log")")
   COLDS+=("$(passTime "$W/engine-cold$r.log" 1)")
   stopEngine
 done
@@ -209,8 +232,7 @@ if [[ $WARM == 1 ]]; then
     RSYNC_CHANGED+=("$(elapsed "$t0" "$t1")")
   done
   WARM_HWM=$(awk '/VmHWM/ {print $2}' "/proc/$ENGINE/status")
-  sleep 2
-  WARM_RSS=$(awk '/VmRSS/ {print $2}' "/proc/$ENGINE/status")
+  WARM_RSS=$(residentBetweenPasses "$WLOG")
   WARM_READ=$(grep -c "Walked .* warm" "$WLOG" || true)
   stopEngine
   rm -rf "$W/disk/rsync"
