@@ -154,10 +154,12 @@ lineOf() { { grep -n "$2" "$1" || echo 0; } | tail -1 | cut -d: -f1; }
 # after the last one ended or, when the next begins sooner, the last reading
 # before it began.  The schedule starts a pass every 10 s and a large home's
 # pass takes most of that; a reading taken while the next pass builds its
-# trees would count them.  A pass under way is waited for first.
+# trees would count them.  A pass under way is waited for first (up to 10
+# minutes: a pass whose save failed never logs a successful one).
 residentBetweenPasses() {
   local log=$1 starts rss reading ended
-  while (( $(lineOf "$log" "Starting UNSCHEDULED backup") > $(lineOf "$log" "Server did save to permanent store: 1") )); do
+  for _ in $(seq 1 12000); do
+    (( $(lineOf "$log" "Starting UNSCHEDULED backup") > $(lineOf "$log" "Server did save to permanent store") )) || break
     sleep 0.05
   done
   starts=$(grep -c "Starting UNSCHEDULED backup" "$log" || true)
