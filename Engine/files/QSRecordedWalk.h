@@ -17,6 +17,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,10 @@ class QSRecordedWalk : public FSVisitor {
   // The attributes the walk reported first for its top item (a complete
   // recording of an existing folder has them); nullptr otherwise.
   const platform::FileAttributes* topAttributes() const;
+  // The change journal's clock when the recorded walk began, when that walk
+  // kept a memo (see QSWarmWalk::mark); set by whoever made the recording.
+  std::optional<uint64_t> journalMark() const { return journalMark_; }
+  void setJournalMark(std::optional<uint64_t> mark) { journalMark_ = mark; }
   // Makes room for a walk of about `copies` stored copies (a hint).
   void reserveForCopies(size_t copies);
 
@@ -74,4 +79,5 @@ class QSRecordedWalk : public FSVisitor {
   bool finished_ = false;
   bool groupOpen_ = false;  // a group started and not yet finished, while recording
   bool unplayable_ = false;
+  std::optional<uint64_t> journalMark_;
 };

@@ -28,6 +28,7 @@ QSWarmWalk::QSWarmWalk(FSDepthFirstTraversal& traversal, std::string root, doubl
   // The journal keeps what this walk's memo will be asked about.
   memos_.pin(*mark);
   pinned_ = *mark;
+  mark_ = *mark;
   next_->setFullWalkDate(now);
   earlier_ = memos_.memoFor(root_);
   if (earlier_) {

@@ -43,6 +43,9 @@ class QSWarmWalk {
   // the number of folders a full walk found changed that the journal had
   // called unchanged (0 otherwise).
   size_t finish();
+  // The journal's clock when the walk began (caught up with every change
+  // made before it), when the walk records a memo; nothing otherwise.
+  std::optional<QSChangeJournal::Mark> mark() const { return mark_; }
   ~QSWarmWalk();
   QSWarmWalk(const QSWarmWalk&) = delete;
   QSWarmWalk& operator=(const QSWarmWalk&) = delete;
@@ -59,4 +62,5 @@ class QSWarmWalk {
   bool warm_ = false;
   bool recorded_ = false;
   std::optional<QSChangeJournal::Mark> pinned_;  // the new memo's mark, while the walk is under way
+  std::optional<QSChangeJournal::Mark> mark_;
 };

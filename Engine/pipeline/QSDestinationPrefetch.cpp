@@ -55,6 +55,7 @@ void QSDestinationPrefetch::walk(const std::shared_ptr<State>& state) {
   QSWarmWalk warm(traversal, state->path, platform::Date::now().timeIntervalSince1970());
   traversal.recurseAtDestinationPath_withVisitor(state->path, *recording);
   const bool stopped = state->cancelled.load();
+  recording->setJournalMark(warm.mark());
   {
     std::lock_guard<std::mutex> lock(state->lock);
     state->done = true;

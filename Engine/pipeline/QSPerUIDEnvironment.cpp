@@ -5,7 +5,9 @@
 #include "Engine/files/QSFSDepthFirstTreeTraversal.h"
 #include "Engine/files/QSWarmWalk.h"
 #include "Engine/pipeline/QSDestinationPrefetch.h"
+#include "Engine/pipeline/QSSettledPasses.h"
 #include "Engine/pipeline/QSTransferInstrument.h"
+#include "Engine/pipeline/QSTransferPlan.h"
 #include "Engine/records/QSBackupAttributes.h"
 #include "Engine/records/QSBackupEntry.h"
 #include "Engine/records/QSCategoryIdentifiers.h"
@@ -185,6 +187,9 @@ bool QSPerUIDEnvironment::beginJob(const std::shared_ptr<QSToken>& token) {
   jobToken_ = token;
   jobCancelled_.store(false);
   transferPlan_.reset();
+  destinationMark_.reset();
+  noWorkTally_.reset();
+  errorCount_ = 0;
   report_ = std::make_unique<QSJobReport>(uid_);
   return true;
 }
@@ -222,7 +227,11 @@ void QSPerUIDEnvironment::runJobWithToken(const std::shared_ptr<QSToken>& token)
   traits_ = QSDestinationTraits::probe(destination);
   platform::FileAttributes attributes;
   destinationDevice_.reset();
-  if (platform::FileManager::attributesAtPath(destination, &attributes)) destinationDevice_ = attributes.device;
+  destinationInode_.reset();
+  if (platform::FileManager::attributesAtPath(destination, &attributes)) {
+    destinationDevice_ = attributes.device;
+    destinationInode_ = attributes.inode;
+  }
 
   runDestinationTallyWithToken(token);
   // A request that piggybacks on this count may still turn it into a backup
@@ -233,12 +242,38 @@ void QSPerUIDEnvironment::runJobWithToken(const std::shared_ptr<QSToken>& token)
     wantsBackup = token->wantsBackup();
   }
   if (wantsBackup) runBackupWithToken(token);
+  if (!token->settledPass()) keepOrForgetSettledPass(token);
   const QSBackupOutcome outcome = report_->outcome(wantsBackup, jobCancelled_.load(), this->tally().get());
   // The token is run again before the queue is emptied: running it is what
   // tells the server that this destination's backup is complete.
   dischargePipe();
   endJob();
   token->endWithOutcome(outcome);
+}
+
+void QSPerUIDEnvironment::keepOrForgetSettledPass(const std::shared_ptr<QSToken>& token) {
+  const std::string home = userEnvironment_->userHome();
+  const std::string destination = token->destinationPath().value_or(std::string());
+  const auto source = token->sourceWalk();
+  const auto currentTally = tally();
+  const bool settled = noWorkTally_ && source && destinationMark_ && destinationDevice_ && destinationInode_ &&
+                       !jobCancelled_.load() && errorCount_ == 0 && currentTally &&
+                       currentTally->transferMap()->count() == 0 &&
+                       source->exclusionExpression == noWorkSettings_.exclusionExpression;
+  if (!settled) {
+    QSSettledPasses::shared().forget(home, destination);
+    return;
+  }
+  auto pass = std::make_shared<QSSettledPass>();
+  pass->home = home;
+  pass->destination = destination;
+  pass->homeMark = source->mark;
+  pass->destinationMark = *destinationMark_;
+  pass->device = *destinationDevice_;
+  pass->inode = *destinationInode_;
+  pass->settings = noWorkSettings_;
+  pass->tally = noWorkTally_;
+  QSSettledPasses::shared().keep(std::move(pass));
 }
 
 void QSPerUIDEnvironment::endJob() {
@@ -271,6 +306,14 @@ std::unique_ptr<QSTransferInstrument> QSPerUIDEnvironment::makeInstrument(const 
 void QSPerUIDEnvironment::runDestinationTallyWithToken(const std::shared_ptr<QSToken>& token) {
   client_->startedDestinationTally_withUID(tally(), uid_);
   setStage(kStageDestinationTally);
+  if (const auto settled = token->settledPass()) {
+    // Nothing changed since a pass that found nothing to do: its counts
+    // stand, and there is no plan (the tree is the bare top folder).
+    settled->addDestinationCountsTo(*tally());
+    client_->finishedDestinationTally_withUID(tally(), uid_);
+    setStage(kStageDestinationTallyDone);
+    return;
+  }
   const std::string destination = token->destinationPath().value_or(std::string());
   std::shared_ptr<const QSRecordedWalk> recorded;
   if (auto prefetch = token->takeDestinationPrefetch()) {
@@ -282,6 +325,7 @@ void QSPerUIDEnvironment::runDestinationTallyWithToken(const std::shared_ptr<QST
   }
   if (recorded) {
     recorded->playTo(*this, &jobCancelled_);
+    destinationMark_ = recorded->journalMark();
   } else {
     const auto cache = QSCreationDateCache::forBackupFolder(destination);
     FSDestinationTraversal traversal(&jobCancelled_);
@@ -290,12 +334,19 @@ void QSPerUIDEnvironment::runDestinationTallyWithToken(const std::shared_ptr<QST
     traversal.recurseAtDestinationPath_withVisitor(destination, *this);
     warm.finish();
     cache->keep();
+    if (!traversal.wasStopped()) destinationMark_ = warm.mark();
   }
   auto instrument = makeInstrument(token, true);
   if (!host_ || !host_->skipTransfer()) {
     QSFSDepthFirstTreeTraversal walk(&jobCancelled_);
     walk.traverseTree_withVisitor(root_, *instrument);
     transferPlan_ = instrument->plan();
+    if (transferPlan_ && !transferPlan_->hasWork() && !jobCancelled_.load()) {
+      noWorkTally_ = tally()->copy();
+      const auto filter = userEnvironment_->exclusionFilter();
+      noWorkSettings_ = {filter ? std::optional<std::string>(filter->expression()) : std::nullopt, token->context(),
+                         token->versionDepth()};
+    }
   }
   client_->finishedDestinationTally_withUID(tally(), uid_);
   setStage(kStageDestinationTallyDone);
@@ -306,7 +357,8 @@ void QSPerUIDEnvironment::runBackupWithToken(const std::shared_ptr<QSToken>& tok
   setStage(kStageTransfer);
   auto instrument = makeInstrument(token, false);
   if (!host_ || host_->planTransfers()) instrument->setPlan(std::move(transferPlan_));
-  if ((!host_ || !host_->skipTransfer()) && !jobCancelled_.load()) {
+  // A pass standing on one without work has nothing to copy, and writes nothing.
+  if ((!host_ || !host_->skipTransfer()) && !jobCancelled_.load() && !token->settledPass()) {
     const QSBackupFolderWrites::Scope writing;
     QSFSDepthFirstTreeTraversal walk(&jobCancelled_);
     walk.traverseTree_withVisitor(root_, *instrument);
@@ -319,6 +371,7 @@ void QSPerUIDEnvironment::runBackupWithToken(const std::shared_ptr<QSToken>& tok
 
 void QSPerUIDEnvironment::transferInstrument_error(QSTransferInstrument& instrument,
                                                    const std::shared_ptr<QSBackupError>& error) {
+  ++errorCount_;
   if (report_) report_->failedCopy(*error, QSJobReport::reasonFor(*error, instrument.copyError()));
   const uint64_t limit = userEnvironment_->maximumContiguousErrorsClientWants();
   if (limit != 0 && instrument.contiguousFailedCopyCount() > static_cast<int64_t>(limit)) {

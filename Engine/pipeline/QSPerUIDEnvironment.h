@@ -38,6 +38,7 @@
 #include "Engine/pipeline/QSIdleWait.h"
 #include "Engine/pipeline/QSJobReport.h"
 #include "Engine/pipeline/QSPipelineHost.h"
+#include "Engine/pipeline/QSSettledPass.h"
 #include "Engine/pipeline/QSToken.h"
 #include "Engine/pipeline/QSTransferInstrumentDelegate.h"
 #include "Engine/pipeline/QSUserEnvironment.h"
@@ -182,6 +183,9 @@ class QSPerUIDEnvironment : public platform::Object,
   // Makes `token` the running job, unless a cancel took it off the queue.
   bool beginJob(const std::shared_ptr<QSToken>& token);
   void endJob();
+  // After a job that walked: keeps it as a pass without work for the next
+  // pass of the same backup to stand on, or forgets the one kept before.
+  void keepOrForgetSettledPass(const std::shared_ptr<QSToken>& token);
 
   const std::string uid_;
   std::shared_ptr<platform::OVThread> thread_;
@@ -213,6 +217,15 @@ class QSPerUIDEnvironment : public platform::Object,
   // The job's destination, probed when the job starts.
   QSDestinationTraits traits_;
   std::optional<uint64_t> destinationDevice_;
+  std::optional<uint64_t> destinationInode_;
+  // Where the journal stood when the job's backup-folder walk began (none
+  // when it kept no memo), and the tally and settings of a dry run that
+  // found no work (none otherwise).
+  std::optional<uint64_t> destinationMark_;
+  std::shared_ptr<const QSTally> noWorkTally_;
+  QSSettledPass::Settings noWorkSettings_;
+  // Errors the job reported.
+  size_t errorCount_ = 0;
 
   // Continuous backup: paths whose content change is queued and not yet
   // taken (a burst of saves merges into one copy), and the traits of the

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "Engine/pipeline/QSSettledPass.h"
+
 std::shared_ptr<QSToken> QSToken::initWithDelegate(QSTokenDelegate* delegate) {
   auto token = std::make_shared<QSToken>(Passkey());
   token->tokenDelegate_ = delegate;
@@ -31,6 +33,26 @@ void QSToken::setDestinationPrefetch(std::shared_ptr<QSDestinationPrefetch> pref
 std::shared_ptr<QSDestinationPrefetch> QSToken::takeDestinationPrefetch() {
   std::lock_guard<std::recursive_mutex> lock(lock_);
   return std::exchange(prefetch_, nullptr);
+}
+
+void QSToken::setSourceWalk(std::optional<SourceWalk> walk) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  sourceWalk_ = std::move(walk);
+}
+
+std::optional<QSToken::SourceWalk> QSToken::sourceWalk() const {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  return sourceWalk_;
+}
+
+void QSToken::setSettledPass(std::shared_ptr<const QSSettledPass> pass) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  settledPass_ = std::move(pass);
+}
+
+std::shared_ptr<const QSSettledPass> QSToken::settledPass() const {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  return settledPass_;
 }
 
 void QSToken::endCancelled() {

@@ -23,6 +23,7 @@
 
 class QSDestinationPrefetch;
 class QSFSMutableNode;
+struct QSSettledPass;
 
 class QSToken : public QSRunnable {
  public:
@@ -65,6 +66,20 @@ class QSToken : public QSRunnable {
   void setDestinationPrefetch(std::shared_ptr<QSDestinationPrefetch> prefetch);
   std::shared_ptr<QSDestinationPrefetch> takeDestinationPrefetch();
 
+  // Where the change journal stood when the home walk that made the token's
+  // tree began (QSWarmWalk::mark), with the exclusion filter it walked
+  // with; nothing when the walk kept no memo.
+  struct SourceWalk {
+    uint64_t mark = 0;
+    std::optional<std::string> exclusionExpression;
+  };
+  void setSourceWalk(std::optional<SourceWalk> walk);
+  std::optional<SourceWalk> sourceWalk() const;
+  // The pass without work this token's pass stands on instead of walking
+  // (its tree is then the bare top folder); nullptr for a pass that walks.
+  void setSettledPass(std::shared_ptr<const QSSettledPass> pass);
+  std::shared_ptr<const QSSettledPass> settledPass() const;
+
   bool wantsBackup() const { return wantsBackup_.load(); }
   void setWantsBackup(bool wantsBackup) { wantsBackup_.store(wantsBackup); }
   uint32_t versionDepth() const { return versionDepth_.load(); }
@@ -81,6 +96,8 @@ class QSToken : public QSRunnable {
   std::shared_ptr<QSFSMutableNode> tree_;
   std::shared_ptr<QSMutableTally> tally_;
   std::shared_ptr<QSDestinationPrefetch> prefetch_;
+  std::optional<SourceWalk> sourceWalk_;
+  std::shared_ptr<const QSSettledPass> settledPass_;
   std::atomic<bool> wantsBackup_{false};
   std::atomic<uint32_t> versionDepth_{0};
 };

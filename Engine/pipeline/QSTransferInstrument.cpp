@@ -42,7 +42,7 @@ void QSTransferInstrument::startTraversalOfRoot(const std::shared_ptr<QSFSNode>&
   contiguousFailedCopyCount_ = 0;
   completePlan_.reset();
   planning_ = isDryRun_ ? std::make_shared<QSTransferPlan>(categoryFilter_) : nullptr;
-  if (planning_) planning_->noteWorkIn(root_);
+  if (planning_) planning_->open(root_);
 }
 
 void QSTransferInstrument::finishTraversalOfRoot(const std::shared_ptr<QSFSNode>& root) {

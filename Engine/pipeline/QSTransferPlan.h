@@ -23,6 +23,11 @@ class QSTransferPlan {
   // Notes that the transfer has work at `folder` (a folder node of the tree,
   // or the tree's root): the folder and its ancestors are to be opened.
   void noteWorkIn(const QSFSNode* folder);
+  // Opens `folder` and its ancestors without noting work (the tree's root,
+  // which the transfer always opens).
+  void open(const QSFSNode* folder);
+  // Whether any work was noted: a plan without work leaves the backup folder as it is.
+  bool hasWork() const { return workCount_ != 0; }
   // Whether the transfer is to open `folder`.
   bool opens(const QSFSNode* folder) const { return folders_.count(folder) != 0; }
   QSCategoryMask categoryFilter() const { return categoryFilter_; }
@@ -31,4 +36,5 @@ class QSTransferPlan {
  private:
   QSCategoryMask categoryFilter_;
   std::unordered_set<const QSFSNode*> folders_;
+  size_t workCount_ = 0;
 };

@@ -4,7 +4,9 @@
 #include "Engine/files/QSSourceTreeBuilder.h"
 #include "Engine/files/QSWarmWalk.h"
 #include "Engine/pipeline/QSDestinationPrefetch.h"
+#include "Engine/pipeline/QSSettledPasses.h"
 #include "platform/Date.h"
+#include "platform/Log.h"
 
 QSUserEnvironment::QSUserEnvironment(Passkey, std::string name, std::string homeDir)
     : homeDir_(std::move(homeDir)), name_(std::move(name)), client_(QSSkerrowClientProxy::init()),
@@ -53,11 +55,15 @@ void QSUserEnvironment::runCycle() {
     std::lock_guard<std::recursive_mutex> lock(lock_);
     tally_ = QSMutableTally::init();
     root_ = QSFSMutableNode::initWithPath("/");
+    sourceWalk_.reset();
     walkCancelled_.store(isPipeCancelled_.load());
     cancelledTokens_ = walkCancelled_.load() ? queue_.size() : 0;
-    if (!walkCancelled_.load()) startDestinationPrefetches();
   }
-  runSourceTally();
+  const auto settled = walkCancelled_.load() ? nullptr : settle();
+  if (settled)
+    runSettledSourceTally(*settled);
+  else
+    runSourceTally();
   std::vector<std::shared_ptr<QSToken>> dropped;
   {
     std::lock_guard<std::recursive_mutex> lock(lock_);
@@ -67,17 +73,78 @@ void QSUserEnvironment::runCycle() {
       const auto end = queue_.begin() + static_cast<std::ptrdiff_t>(std::min(cancelledTokens_, queue_.size()));
       dropped.assign(queue_.begin(), end);
       queue_.erase(queue_.begin(), end);
+    } else if (settled) {
+      // Only the sealed token has a count (unless it was taken off the
+      // queue meanwhile); the others wait for the next cycle.
+      if (!queue_.empty() && queue_.front() == sealedToken_) {
+        if (!isPipeCancelled_.load()) dispatchQueuedTokens(1, settled);
+        queue_.erase(queue_.begin());
+      }
     } else {
-      if (!isPipeCancelled_.load()) dispatchQueuedTokens();
+      if (!isPipeCancelled_.load()) dispatchQueuedTokens(queue_.size(), nullptr);
       queue_.clear();
     }
+    sealedToken_.reset();
     queueCount_.store(queue_.size());
     walkCancelled_.store(false);
     cancelledTokens_ = 0;
     root_.reset();
     tally_.reset();
+    sourceWalk_.reset();
   }
   for (const auto& token : dropped) token->endCancelled();
+}
+
+std::shared_ptr<QSToken> QSUserEnvironment::settleCandidate(QSSettledPass::Settings* settings) const {
+  if (queue_.size() != 1 || !queue_.front()->wantsDestinationTally()) return nullptr;
+  const auto& token = queue_.front();
+  const auto destination = token->destinationPath();
+  if (!destination || destination->empty()) return nullptr;
+  settings->exclusionExpression =
+      exclusionFilter_ ? std::optional<std::string>(exclusionFilter_->expression()) : std::nullopt;
+  settings->categories = token->context();
+  settings->versionDepth = token->versionDepth();
+  return token;
+}
+
+std::shared_ptr<const QSSettledPass> QSUserEnvironment::settle() {
+  QSSettledPass::Settings settings;
+  std::shared_ptr<QSToken> candidate;
+  {
+    std::lock_guard<std::recursive_mutex> lock(lock_);
+    candidate = settleCandidate(&settings);
+  }
+  std::shared_ptr<const QSSettledPass> settled;
+  const std::string destination = candidate ? candidate->destinationPath().value_or(std::string()) : std::string();
+  if (candidate)
+    settled = QSSettledPasses::shared().standing(homeDir_, destination, settings,
+                                                 platform::Date::now().timeIntervalSince1970());
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  // A request may have merged into the token while the journal was asked.
+  QSSettledPass::Settings now;
+  if (settled && (walkCancelled_.load() || settleCandidate(&now) != candidate || !(now == settings) ||
+                  candidate->destinationPath().value_or(std::string()) != destination))
+    settled.reset();
+  if (settled)
+    sealedToken_ = candidate;
+  else if (!walkCancelled_.load()) {
+    startDestinationPrefetches();
+  }
+  return settled;
+}
+
+void QSUserEnvironment::runSettledSourceTally(const QSSettledPass& pass) {
+  std::shared_ptr<QSMutableTally> tally;
+  {
+    std::lock_guard<std::recursive_mutex> lock(lock_);
+    tally = tally_;
+  }
+  platform::Log::format("Nothing changed in %s nor in %s since the last pass, which found nothing to do: its counts "
+                        "stand, and neither folder is walked",
+                        pass.home.c_str(), pass.destination.c_str());
+  client_->startedSourceTally(tally);
+  pass.addSourceCountsTo(*tally);
+  client_->finishedSourceTally(tally);
 }
 
 void QSUserEnvironment::startDestinationPrefetches() {
@@ -92,22 +159,25 @@ void QSUserEnvironment::startDestinationPrefetches() {
   }
 }
 
-void QSUserEnvironment::dispatchQueuedTokens() {
+void QSUserEnvironment::dispatchQueuedTokens(size_t count, const std::shared_ptr<const QSSettledPass>& settled) {
   struct Exposure {
     bool& flag;
     explicit Exposure(bool& f) : flag(f) { flag = true; }
     ~Exposure() { flag = false; }
   };
   // Tokens are taken by index: running one may queue another.
-  for (size_t i = 0; i < queue_.size(); ++i) {
+  for (size_t i = 0; i < count && i < queue_.size(); ++i) {
     const std::shared_ptr<QSToken> token = queue_[i];
     if (token->wantsDestinationTally()) {
       // Each token gets a tree of its own.  The last one takes the cycle's
       // tree itself, which nobody reads after it: a home folder's tree is
       // the largest object of a backup, and one copy fewer halves the peak.
       std::shared_ptr<QSFSMutableNode> tree;
-      if (root_) tree = i + 1 == queue_.size() ? std::exchange(root_, nullptr) : root_->deepCopy();
+      const bool last = i + 1 == std::min(count, queue_.size());
+      if (root_) tree = last ? std::exchange(root_, nullptr) : root_->deepCopy();
       token->setTree_tally(std::move(tree), tally_->mutableCopy());
+      token->setSourceWalk(sourceWalk_);
+      token->setSettledPass(settled);
     }
     Exposure exposed(isProductExposed_);
     token->runWithObject(*this);
@@ -119,6 +189,8 @@ void QSUserEnvironment::enqueue(const std::shared_ptr<QSToken>& token) {
   if (token->wantsDestinationTally()) {
     const auto uid = token->uid();
     for (const auto& queued : queue_) {
+      // The token of a cycle standing on a settled pass takes no changes.
+      if (queued == sealedToken_) continue;
       const auto queuedUID = queued->uid();
       if (queuedUID && queuedUID != uid) continue;
       queued->setDestinationPath_uid(token->destinationPath(), uid);
@@ -191,9 +263,14 @@ void QSUserEnvironment::runSourceTally() {
   client_->startedSourceTally(tally);
   FSSourceTraversal traversal(&walkCancelled_);
   QSWarmWalk warm(traversal, homeDir_, platform::Date::now().timeIntervalSince1970());
-  traversal.recurseAtUserHome_withExclusionPredicate_visitor(homeDir_, exclusionFilter(), *this);
+  const auto filter = exclusionFilter();
+  traversal.recurseAtUserHome_withExclusionPredicate_visitor(homeDir_, filter, *this);
   client_->finishedSourceTally(tally);
   warm.finish();
+  const auto mark = warm.mark();
+  if (!mark || traversal.wasStopped()) return;
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  sourceWalk_ = QSToken::SourceWalk{*mark, filter ? std::optional<std::string>(filter->expression()) : std::nullopt};
 }
 
 void QSUserEnvironment::startTraversalOfPath(const std::string& path) {

@@ -30,6 +30,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,7 @@
 #include "Engine/files/FSDepthFirstVisitor.h"
 #include "Engine/files/QSFSNode.h"
 #include "Engine/pipeline/QSIdleWait.h"
+#include "Engine/pipeline/QSSettledPass.h"
 #include "Engine/pipeline/QSToken.h"
 #include "Engine/records/QSMutableTally.h"
 #include "platform/KeyValueObserving.h"
@@ -89,6 +91,9 @@ class QSUserEnvironment : public platform::Object,
 
   // One walk of the home folder into the cycle's tree and tally.
   void runSourceTally();
+  // The count of a cycle that stands on `pass` (nothing changed since it):
+  // the client is told as for a walk, and the tree stays the bare top folder.
+  void runSettledSourceTally(const QSSettledPass& pass);
   // While a token other than the cycle's last is being run: a copy of the
   // cycle's tree and tally; else nothing (the last token takes the tree
   // itself, which the second stage then changes).
@@ -130,9 +135,17 @@ class QSUserEnvironment : public platform::Object,
 
  private:
   void append(const std::shared_ptr<QSToken>& token);
-  void dispatchQueuedTokens();
+  // Runs the first `count` queued tokens: each wanting a destination tally
+  // gets a tree, where its home walk began, and the pass it stands on (if any).
+  void dispatchQueuedTokens(size_t count, const std::shared_ptr<const QSSettledPass>& settled);
   // Starts the walk ahead of time of each queued token's backup folder (under the lock).
   void startDestinationPrefetches();
+  // The only queued token, when the cycle may stand on a pass without work
+  // instead of walking (and the settings it would walk with); else nullptr.
+  std::shared_ptr<QSToken> settleCandidate(QSSettledPass::Settings* settings) const;
+  // The pass the cycle stands on, or nullptr: asks QSSettledPasses outside
+  // the lock, then seals the token against merges under it.
+  std::shared_ptr<const QSSettledPass> settle();
 
   const std::string homeDir_;
   const std::string name_;
@@ -154,6 +167,12 @@ class QSUserEnvironment : public platform::Object,
   std::atomic<bool> isCancelled_{false};
   std::atomic<bool> stopRequested_{false};
   bool isProductExposed_ = false;
+  // The token of a cycle that stands on a settled pass, while it runs:
+  // tokens queued meanwhile wait for a cycle of their own instead of
+  // merging into it.
+  std::shared_ptr<QSToken> sealedToken_;
+  // Where the cycle's home walk began, for the tokens it serves.
+  std::optional<QSToken::SourceWalk> sourceWalk_;
   std::shared_ptr<const platform::RegexPredicate> exclusionFilter_;
   QSIdleWait idle_;  // woken when a token is queued or the thread is stopped
   std::function<void(uint32_t)> sleep_;
