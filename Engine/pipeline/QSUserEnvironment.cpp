@@ -77,11 +77,11 @@ void QSUserEnvironment::runCycle() {
       // Only the sealed token has a count (unless it was taken off the
       // queue meanwhile); the others wait for the next cycle.
       if (!queue_.empty() && queue_.front() == sealedToken_) {
-        if (!isPipeCancelled_.load()) dispatchQueuedTokens(1, settled);
+        if (!isPipeCancelled_.load()) dispatchQueuedTokens(settled);
         queue_.erase(queue_.begin());
       }
     } else {
-      if (!isPipeCancelled_.load()) dispatchQueuedTokens(queue_.size(), nullptr);
+      if (!isPipeCancelled_.load()) dispatchQueuedTokens(nullptr);
       queue_.clear();
     }
     sealedToken_.reset();
@@ -159,22 +159,23 @@ void QSUserEnvironment::startDestinationPrefetches() {
   }
 }
 
-void QSUserEnvironment::dispatchQueuedTokens(size_t count, const std::shared_ptr<const QSSettledPass>& settled) {
+void QSUserEnvironment::dispatchQueuedTokens(const std::shared_ptr<const QSSettledPass>& settled) {
   struct Exposure {
     bool& flag;
     explicit Exposure(bool& f) : flag(f) { flag = true; }
     ~Exposure() { flag = false; }
   };
-  // Tokens are taken by index: running one may queue another.
-  for (size_t i = 0; i < count && i < queue_.size(); ++i) {
+  // Tokens are taken by index: running one may queue another.  A cycle
+  // that stands on a settled pass serves its first token alone.
+  const auto end = [&] { return settled ? std::min<size_t>(1, queue_.size()) : queue_.size(); };
+  for (size_t i = 0; i < end(); ++i) {
     const std::shared_ptr<QSToken> token = queue_[i];
     if (token->wantsDestinationTally()) {
       // Each token gets a tree of its own.  The last one takes the cycle's
       // tree itself, which nobody reads after it: a home folder's tree is
       // the largest object of a backup, and one copy fewer halves the peak.
       std::shared_ptr<QSFSMutableNode> tree;
-      const bool last = i + 1 == std::min(count, queue_.size());
-      if (root_) tree = last ? std::exchange(root_, nullptr) : root_->deepCopy();
+      if (root_) tree = i + 1 == end() ? std::exchange(root_, nullptr) : root_->deepCopy();
       token->setTree_tally(std::move(tree), tally_->mutableCopy());
       token->setSourceWalk(sourceWalk_);
       token->setSettledPass(settled);

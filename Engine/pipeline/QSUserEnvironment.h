@@ -135,9 +135,10 @@ class QSUserEnvironment : public platform::Object,
 
  private:
   void append(const std::shared_ptr<QSToken>& token);
-  // Runs the first `count` queued tokens: each wanting a destination tally
-  // gets a tree, where its home walk began, and the pass it stands on (if any).
-  void dispatchQueuedTokens(size_t count, const std::shared_ptr<const QSSettledPass>& settled);
+  // Runs the queued tokens (only the first when the cycle stands on
+  // `settled`): each wanting a destination tally gets a tree, where its
+  // home walk began, and the pass it stands on (if any).
+  void dispatchQueuedTokens(const std::shared_ptr<const QSSettledPass>& settled);
   // Starts the walk ahead of time of each queued token's backup folder (under the lock).
   void startDestinationPrefetches();
   // The only queued token, when the cycle may stand on a pass without work
