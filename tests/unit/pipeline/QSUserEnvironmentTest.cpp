@@ -5,6 +5,12 @@
 #include <chrono>
 #include <thread>
 
+#include "Engine/files/QSChangeJournal.h"
+#include "Engine/files/QSWalkMemos.h"
+#include "Engine/pipeline/QSSettledPasses.h"
+#include "Engine/records/QSCategoryIdentifiers.h"
+#include "platform/Date.h"
+#include "platform/FileManager.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/PipelineTestSupport.h"
 #include "tests/support/TempDir.h"
@@ -216,6 +222,110 @@ TEST_F(QSUserEnvironmentTest, TheClientHearsTheStartAndEndOfEachSourceCount) {
   // Both name the cycle's tally, which holds the whole count at the end.
   EXPECT_EQ(calls[1].tally, calls[2].tally);
   EXPECT_EQ(skerrow_test::totalSourceFiles(*calls[2].tally), kFiles);
+}
+
+TEST_F(QSUserEnvironmentTest, ATokenQueuedByRunningAnotherIsServedInTheSameCycleAndNotLost) {
+  delegate.onRun = [&](const TokenDelegate::Run& run) {
+    if (run.uid == "U1") environment->enqueue(delegate.token("/disk/U2", "U2"));
+  };
+  environment->enqueue(delegate.token("/disk/U1", "U1"));
+  environment->runCycle();
+  const auto runs = delegate.runs();
+  ASSERT_EQ(runs.size(), 2u);
+  EXPECT_EQ(runs[1].uid, "U2");
+  EXPECT_EQ(environment->queueCount(), 0u);
+}
+
+// The engine's journal, memos and kept passes, set up so that a pass of
+// (home, backup) may stand on a kept one; put back as they were after.
+class SettledBackup {
+ public:
+  SettledBackup(const std::string& home, const std::string& backup) : home_(home), backup_(backup) {
+    auto& journal = QSChangeJournal::shared();
+    journal.follow(home);
+    journal.follow(backup);
+    journal.setSynchronizer([] { return true; });
+    const auto mark = *journal.synchronizedMark();
+    for (const std::string* place : {&home, &backup}) {
+      auto memo = std::make_shared<QSWalkMemo>();
+      memo->setMark(mark);
+      memo->setFullWalkDate(platform::Date::now().timeIntervalSince1970());
+      QSWalkMemos::shared().keep(*place, memo);
+    }
+    platform::FileAttributes folder;
+    platform::FileManager::attributesAtPath(backup, &folder);
+    auto pass = std::make_shared<QSSettledPass>();
+    pass->home = home;
+    pass->destination = backup;
+    pass->homeMark = pass->destinationMark = mark;
+    pass->device = folder.device;
+    pass->inode = folder.inode;
+    auto tally = QSMutableTally::init();
+    tally->increaseBytesBy_filesBy_forSourceCategory(kFiles, kFiles, kDocumentsCategoryIdentifier);
+    pass->tally = tally;
+    QSSettledPasses::shared().keep(pass);
+  }
+  ~SettledBackup() {
+    auto& journal = QSChangeJournal::shared();
+    journal.setSynchronizer(nullptr);
+    journal.unfollow(home_);
+    journal.unfollow(backup_);
+    QSWalkMemos::shared().forgetAll();
+    QSSettledPasses::shared().forgetAll();
+  }
+
+ private:
+  const std::string home_;
+  const std::string backup_;
+};
+
+TEST_F(QSUserEnvironmentTest, ACycleStandingOnASettledPassWalksNothingAndARequestQueuedMeanwhileWaitsForTheNextCycle) {
+  const std::string backup = dir.mkdir("disk/U");
+  const SettledBackup settled(home, backup);
+  const auto token = delegate.token(backup, "U");
+  // A request for the same backup identifier made while the token runs
+  // would take it to another folder: it waits for a cycle of its own.
+  delegate.onRun = [&](const TokenDelegate::Run& run) {
+    if (run.token == token) environment->enqueue(delegate.token(dir.path() + "/elsewhere", "U", true));
+  };
+  environment->enqueue(token);
+  environment->runCycle();
+  EXPECT_EQ(environment->nodes, 0u);
+  auto runs = delegate.runs();
+  ASSERT_EQ(runs.size(), 1u);
+  EXPECT_EQ(runs[0].destinationPath, backup);
+  EXPECT_FALSE(runs[0].wantsBackup);
+  EXPECT_NE(token->settledPass(), nullptr);
+  ASSERT_NE(runs[0].tree, nullptr);
+  EXPECT_EQ(runs[0].tree->children().count(), 0u);
+  EXPECT_EQ(skerrow_test::totalSourceFiles(*runs[0].tally), kFiles);
+  EXPECT_EQ(client->count("startedSourceTally"), 1u);
+  EXPECT_EQ(client->count("finishedSourceTally"), 1u);
+  EXPECT_EQ(environment->queueCount(), 1u);
+
+  // The next cycle has nothing to stand on for that folder: it walks.
+  environment->runCycle();
+  runs = delegate.runs();
+  ASSERT_EQ(runs.size(), 2u);
+  EXPECT_EQ(runs[1].destinationPath, dir.path() + "/elsewhere");
+  EXPECT_EQ(runs[1].token->settledPass(), nullptr);
+  EXPECT_GT(environment->nodes, static_cast<size_t>(kFiles));
+  EXPECT_EQ(runs[1].tree->childWithName("Documents")->children().count(), static_cast<uint32_t>(kFiles));
+  EXPECT_EQ(environment->queueCount(), 0u);
+}
+
+TEST_F(QSUserEnvironmentTest, ACycleWithTwoTokensNeverStandsOnASettledPass) {
+  const std::string backup = dir.mkdir("disk/U");
+  const SettledBackup settled(home, backup);
+  environment->enqueue(delegate.token(backup, "U"));
+  environment->enqueue(delegate.token(dir.mkdir("disk/V"), "V"));
+  environment->runCycle();
+  const auto runs = delegate.runs();
+  ASSERT_EQ(runs.size(), 2u);
+  for (const auto& run : runs) {
+    EXPECT_EQ(run.token->settledPass(), nullptr);
+    EXPECT_EQ(run.tree->childWithName("Documents")->children().count(), static_cast<uint32_t>(kFiles));
+  }
 }
 
 TEST_F(QSUserEnvironmentTest, TheThreadServesAQueuedTokenAndEndsWhenStopped) {
