@@ -28,11 +28,13 @@
 #   floor   the kernel calls alone of a no-change pass (stat of every item
 #           on both sides, the creation date of every copy), for scale
 #   warm    (-w) the engine with continuous backup, whose passes read again
-#           only what the watcher saw change: RUNS no-change passes after
-#           the first (median), then RUNS times 100 files given a new
-#           modification time (which continuous backup does not copy) and
-#           the pass that copies them, against rsync -a on the same change;
-#           the engine's peak and resident set after these passes
+#           only what the watcher saw change, and nothing at all when
+#           nothing changed since a pass that found nothing to do: RUNS
+#           no-change passes after the first (median), then RUNS times 100
+#           files given a new modification time (which continuous backup
+#           does not copy) and the first pass to start after that, which
+#           copies them, against rsync -a on the same change; the engine's
+#           peak and resident set after these passes
 set -euo pipefail
 # Times are read from bash's clock ($EPOCHREALTIME), written with a point.
 export LC_NUMERIC=C
@@ -42,7 +44,7 @@ while getopts "n:b:s:r:B:H:kw" opt; do
   case $opt in
     n) FILES=$OPTARG ;; b) BYTES=$OPTARG ;; s) SEED=$OPTARG ;; r) RUNS=$OPTARG ;; B) BUILD=$OPTARG ;; H) GIVEN_HOME=$OPTARG ;; k) KEEP=1 ;;
     w) WARM=1 ;;
-    *) sed -n '2,35p' "$0"; exit 2 ;;
+    *) sed -n '2,37p' "$0"; exit 2 ;;
   esac
 done
 [[ $(id -u) == 0 ]] || { echo "run as root (loop devices, mounts)"; exit 2; }
@@ -150,6 +152,23 @@ awaitSaves() {  # awaitSaves LOG N
 }
 # lineOf LOG TEXT: the number of the last line of LOG holding TEXT (0: none).
 lineOf() { { grep -n "$2" "$1" || echo 0; } | tail -1 | cut -d: -f1; }
+# awaitIdle LOG: until no pass is under way, the last one started having
+# logged its save (at most 10 minutes: a pass whose save failed never logs
+# a successful one).
+awaitIdle() {
+  for _ in $(seq 1 12000); do
+    (( $(lineOf "$1" "Starting UNSCHEDULED backup") > $(lineOf "$1" "Server did save to permanent store") )) || return 0
+    sleep 0.05
+  done
+}
+# passAfter LOG T: the seconds from the start of the first pass that started
+# after T (an $EPOCHREALTIME) to its save; nothing until it has saved.
+passAfter() {
+  awk -v t="$2" '
+    /Starting UNSCHEDULED backup/ { if (start == "" && $1 > t) start = $1 }
+    /Server did save to permanent store: 1/ { if (start != "" && $1 >= start) { printf "%.3f", $1 - start; exit } }
+  ' "$1"
+}
 # residentBetweenPasses LOG: the engine's VmRSS (kB) between two passes: 2 s
 # after the last one ended or, when the next begins sooner, the last reading
 # before it began.  The schedule starts a pass every 10 s and a large home's
@@ -158,10 +177,7 @@ lineOf() { { grep -n "$2" "$1" || echo 0; } | tail -1 | cut -d: -f1; }
 # minutes: a pass whose save failed never logs a successful one).
 residentBetweenPasses() {
   local log=$1 starts rss reading ended
-  for _ in $(seq 1 12000); do
-    (( $(lineOf "$log" "Starting UNSCHEDULED backup") > $(lineOf "$log" "Server did save to permanent store") )) || break
-    sleep 0.05
-  done
+  awaitIdle "$log"
   starts=$(grep -c "Starting UNSCHEDULED backup" "$log" || true)
   ended=$EPOCHREALTIME
   rss=$(awk '/VmRSS/ {print $2}' "/proc/$ENGINE/status")
@@ -218,17 +234,24 @@ if [[ $WARM == 1 ]]; then
   CHANGED=() RSYNC_CHANGED=() COPIED=()
   mapfile -t ALL_FILES < <(find "$HOME_DIR" -type f | sort)
   for r in $(seq 1 "$RUNS"); do
-    done_saves=$(saves "$WLOG")
     before=$(find "$W/disk/qs skerrow.skstor" -type f | wc -l)
-    # 100 files, a new modification time each (continuous backup copies
-    # closed writes, not this: the pass does the copying).
-    # Times no earlier run gave them (a time a stored copy already has would be no change).
+    # 100 files, given in one touch a modification time no earlier run gave
+    # them (a time a stored copy already has would be no change; continuous
+    # backup copies closed writes, not this: the pass does the copying).
     stamp=$(( $(date +%s) - 86400 * 365 + r * 1000 ))
-    for i in $(seq 0 99); do
-      touch -m -d "@$((stamp + i))" "${ALL_FILES[$(( (r * 7919 + i * 104729) % ${#ALL_FILES[@]} ))]}"
-    done
-    awaitSaves "$WLOG" $((done_saves + 1))
-    CHANGED+=("$(passTime "$WLOG" $((done_saves + 1)))")
+    picked=()
+    for i in $(seq 0 99); do picked+=("${ALL_FILES[$(( (r * 7919 + i * 104729) % ${#ALL_FILES[@]} ))]}"); done
+    # No pass under way while the files change, and the pass measured is the
+    # first to start after the change: it sees all of it.  (A pass that
+    # starts before, with nothing changed, stands on the last one in a few
+    # milliseconds; measuring it instead would be wrong.)
+    awaitIdle "$WLOG"
+    touch -m -d "@$stamp" "${picked[@]}"
+    changed=$EPOCHREALTIME
+    took=""
+    for _ in $(seq 1 3600); do took=$(passAfter "$WLOG" "$changed"); [[ -n $took ]] && break; sleep 0.2; done
+    [[ -n $took ]] || { echo "no pass after the change"; tail -20 "$WLOG"; exit 1; }
+    CHANGED+=("$took")
     COPIED+=($(( $(find "$W/disk/qs skerrow.skstor" -type f | wc -l) - before )))
     t0=$(now); rsync -a "$HOME_DIR/" "$W/disk/rsync/"; t1=$(now)
     RSYNC_CHANGED+=("$(elapsed "$t0" "$t1")")
@@ -236,6 +259,7 @@ if [[ $WARM == 1 ]]; then
   WARM_HWM=$(awk '/VmHWM/ {print $2}' "/proc/$ENGINE/status")
   WARM_RSS=$(residentBetweenPasses "$WLOG")
   WARM_READ=$(grep -c "Walked .* warm" "$WLOG" || true)
+  STOOD=$(grep -c "Nothing changed in" "$WLOG" || true)
   stopEngine
   rm -rf "$W/disk/rsync"
 fi
@@ -263,6 +287,7 @@ if [[ $WARM == 1 ]]; then
   printf '%-44s %8.1f MiB\n' "skerrowd peak RSS, warm passes" "$(ratio "$WARM_HWM" 1024)"
   printf '%-44s %8.1f MiB\n' "skerrowd resident after them" "$(ratio "$WARM_RSS" 1024)"
   printf '%-44s %8d\n' "walks that were warm (log lines)" "$WARM_READ"
+  printf '%-44s %8d\n' "passes that walked nothing (log lines)" "$STOOD"
 fi
 echo
 echo "$FLOOR"
