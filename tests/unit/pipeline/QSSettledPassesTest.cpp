@@ -5,6 +5,7 @@
 
 #include "Engine/files/QSWarmWalk.h"
 #include "Engine/records/QSCategoryIdentifiers.h"
+#include "tests/support/SettledPassSupport.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -27,27 +28,12 @@ struct Backup {
     journal.follow(dir.path() + "/disk");
     journal.setSynchronizer([] { return true; });
     const auto mark = *journal.synchronizedMark();
-    for (const std::string* place : {&home, &backup}) {
-      auto memo = std::make_shared<QSWalkMemo>();
-      memo->setMark(mark);
-      memo->setFullWalkDate(now - 60);
-      memos.keep(*place, memo);
-    }
-    struct stat folder {};
-    ::stat(backup.c_str(), &folder);
-    auto pass = std::make_shared<QSSettledPass>();
-    pass->home = home;
-    pass->destination = backup;
-    pass->homeMark = pass->destinationMark = mark;
-    pass->device = folder.st_dev;
-    pass->inode = folder.st_ino;
-    pass->settings = settings;
+    skerrow_test::keepMemosOf(memos, home, backup, mark, now - 60);
     auto tally = QSMutableTally::init();
     tally->increaseBytesBy_filesBy_forSourceCategory(300, 3, kDocumentsCategoryIdentifier);
     tally->increaseBytesBy_filesBy_forDestinationCategory(200, 2, kDocumentsCategoryIdentifier);
     tally->increaseBytesBy_filesBy_forExpectedCategory(0, 0, kMusicCategoryIdentifier);
-    pass->tally = tally;
-    passes.keep(pass);
+    passes.keep(skerrow_test::settledPassOf(home, backup, mark, settings, tally));
   }
 
   std::string why;

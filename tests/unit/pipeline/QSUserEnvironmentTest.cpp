@@ -10,9 +10,9 @@
 #include "Engine/pipeline/QSSettledPasses.h"
 #include "Engine/records/QSCategoryIdentifiers.h"
 #include "platform/Date.h"
-#include "platform/FileManager.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/PipelineTestSupport.h"
+#include "tests/support/SettledPassSupport.h"
 #include "tests/support/TempDir.h"
 
 using skerrow_test::CallLogClient;
@@ -246,24 +246,11 @@ class SettledBackup {
     journal.follow(backup);
     journal.setSynchronizer([] { return true; });
     const auto mark = *journal.synchronizedMark();
-    for (const std::string* place : {&home, &backup}) {
-      auto memo = std::make_shared<QSWalkMemo>();
-      memo->setMark(mark);
-      memo->setFullWalkDate(platform::Date::now().timeIntervalSince1970());
-      QSWalkMemos::shared().keep(*place, memo);
-    }
-    platform::FileAttributes folder;
-    platform::FileManager::attributesAtPath(backup, &folder);
-    auto pass = std::make_shared<QSSettledPass>();
-    pass->home = home;
-    pass->destination = backup;
-    pass->homeMark = pass->destinationMark = mark;
-    pass->device = folder.device;
-    pass->inode = folder.inode;
+    skerrow_test::keepMemosOf(QSWalkMemos::shared(), home, backup, mark,
+                              platform::Date::now().timeIntervalSince1970());
     auto tally = QSMutableTally::init();
     tally->increaseBytesBy_filesBy_forSourceCategory(kFiles, kFiles, kDocumentsCategoryIdentifier);
-    pass->tally = tally;
-    QSSettledPasses::shared().keep(pass);
+    QSSettledPasses::shared().keep(skerrow_test::settledPassOf(home, backup, mark, {}, tally));
   }
   ~SettledBackup() {
     auto& journal = QSChangeJournal::shared();
