@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <vector>
 
@@ -74,24 +75,21 @@ std::optional<std::string> AtomicFile::read(const std::string& path, size_t maxS
     errno = refusal;
     return std::nullopt;
   }
+  // One byte more than the file holds: the read that finds the end then
+  // needs no second, larger buffer.  A file that grew since fstat fills it,
+  // and is read on up to one byte past the limit, which refuses it.
+  const size_t limit = maxSize < SIZE_MAX ? maxSize + 1 : maxSize;
   std::string out;
-  out.resize(static_cast<size_t>(st.st_size));
+  out.resize(static_cast<size_t>(st.st_size) + 1);
   size_t got = 0;
   while (true) {
     if (got == out.size()) {
-      // The file may have grown since fstat; read on up to the limit.
-      if (out.size() >= maxSize) {
-        char extra;
-        ssize_t more = ::read(fd, &extra, 1);
-        if (more < 0 && errno == EINTR) continue;
+      if (got >= limit) {
         ::close(fd);
-        if (more != 0) {
-          errno = EFBIG;
-          return std::nullopt;
-        }
-        return out;
+        errno = EFBIG;
+        return std::nullopt;
       }
-      out.resize(std::min(maxSize, out.size() * 2 + 4096));
+      out.resize(std::min(limit, out.size() * 2 + 4096));
     }
     ssize_t n = ::read(fd, out.data() + got, out.size() - got);
     if (n < 0) {

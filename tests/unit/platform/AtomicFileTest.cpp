@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cerrno>
+
 #include "tests/support/TempDir.h"
 
 using platform::AtomicFile;
@@ -36,4 +38,25 @@ TEST(AtomicFileTest, ReadRefusesOversizedAndNonRegularFiles) {
   EXPECT_EQ(AtomicFile::read(dir / "big", 100)->size(), 100u);
   EXPECT_FALSE(AtomicFile::read(dir.path(), 100).has_value());
   EXPECT_FALSE(AtomicFile::read(dir / "missing", 100).has_value());
+}
+
+TEST(AtomicFileTest, ReadsAFileLongerThanItsStatedSizeUpToTheLimit) {
+  // Files under /proc state a size of 0 and hold more.
+  const auto status = AtomicFile::read("/proc/self/status", 1 << 20);
+  ASSERT_TRUE(status.has_value());
+  EXPECT_NE(status->find("VmRSS"), std::string::npos);
+  errno = 0;
+  EXPECT_FALSE(AtomicFile::read("/proc/self/status", 10).has_value());
+  EXPECT_EQ(errno, EFBIG);
+}
+
+TEST(AtomicFileTest, ReadsAFileOfExactlyTheLimitAndOfNothing) {
+  skerrow_test::TempDir dir;
+  dir.write("four", "abcd");
+  dir.write("empty", "");
+  EXPECT_EQ(*AtomicFile::read(dir / "four", 4), "abcd");
+  EXPECT_EQ(*AtomicFile::read(dir / "empty", 0), "");
+  errno = 0;
+  EXPECT_FALSE(AtomicFile::read(dir / "four", 3).has_value());
+  EXPECT_EQ(errno, EFBIG);
 }
