@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <string_view>
 
 #include "platform/AtomicFile.h"
 #include "platform/FileManager.h"
@@ -32,7 +33,7 @@ void put(std::string* out, T value) {
 }
 
 template <class T>
-T get(const std::string& in, size_t at) {
+T get(std::string_view in, size_t at) {
   T value;
   std::memcpy(&value, in.data() + at, sizeof value);
   return value;
@@ -63,7 +64,7 @@ QSCreationDateCache::QSCreationDateCache(std::string folderPath, std::string fil
   if (!file_.empty()) load();
 }
 
-std::string QSCreationDateCache::encode(const platform::FileAttributes& identity, const std::vector<Entry>& entries) {
+std::string QSCreationDateCache::encode(const platform::FileAttributes& identity, std::span<const Entry> entries) {
   static_assert(sizeof(Entry) == 32, "entries are kept as they lie in memory");
   std::string bytes;
   // Sized once: grown by appending, the buffer of a large cache would be
@@ -82,26 +83,33 @@ std::string QSCreationDateCache::encode(const platform::FileAttributes& identity
 void QSCreationDateCache::load() {
   platform::FileAttributes folder;
   if (!platform::FileManager::attributesAtPath(folderPath_, &folder) || !folder.isDirectory()) return;
-  const auto bytes = platform::AtomicFile::read(file_, kHeaderSize + kMaximumEntries * sizeof(Entry) + 8);
-  if (!bytes) return;
+  auto file = platform::MappedFile::open(file_, kHeaderSize + kMaximumEntries * sizeof(Entry) + 8);
+  if (!file) return;
   auto ignore = [&](const char* why) { platform::Log::format("Ignored the creation-date cache %s: %s", file_.c_str(), why); };
-  if (bytes->size() < kHeaderSize + 8 || bytes->compare(0, sizeof kMagic, kMagic, sizeof kMagic) != 0)
+  const std::string_view bytes(file->data(), file->size());
+  if (bytes.size() < kHeaderSize + 8 || bytes.compare(0, sizeof kMagic, std::string_view(kMagic, sizeof kMagic)) != 0)
     return ignore("not a cache");
-  const uint64_t count = get<uint64_t>(*bytes, 40);
-  if (count > kMaximumEntries || bytes->size() != kHeaderSize + count * sizeof(Entry) + 8) return ignore("damaged");
-  if (get<uint64_t>(*bytes, bytes->size() - 8) != checksum(bytes->data(), bytes->size() - 8)) return ignore("damaged");
-  if (get<uint64_t>(*bytes, 16) != folder.inode || get<int64_t>(*bytes, 24) != folder.creationTime.seconds ||
-      get<uint64_t>(*bytes, 32) != folder.creationTime.nanoseconds)
+  const uint64_t count = get<uint64_t>(bytes, 40);
+  if (count > kMaximumEntries || bytes.size() != kHeaderSize + count * sizeof(Entry) + 8) return ignore("damaged");
+  if (get<uint64_t>(bytes, bytes.size() - 8) != checksum(bytes.data(), bytes.size() - 8)) return ignore("damaged");
+  if (get<uint64_t>(bytes, 16) != folder.inode || get<int64_t>(bytes, 24) != folder.creationTime.seconds ||
+      get<uint64_t>(bytes, 32) != folder.creationTime.nanoseconds)
     return;  // another folder now has this path: nothing of it applies
-  std::vector<Entry> entries(count);
-  // A kept file of no entries leaves the vector without storage to copy into.
-  if (count != 0) std::memcpy(entries.data(), bytes->data() + kHeaderSize, count * sizeof(Entry));
+  // A mapping begins on a page, so the entries after the 48-byte header
+  // lie aligned as in memory.
+  const std::span<const Entry> entries(reinterpret_cast<const Entry*>(bytes.data() + kHeaderSize), count);
   for (size_t i = 1; i < entries.size(); ++i)
     if (entries[i - 1].inode > entries[i].inode) return ignore("damaged");
   std::lock_guard<std::mutex> lock(lock_);
-  known_ = std::move(entries);
+  std::vector<Entry>().swap(known_);
+  mapped_ = std::move(file);
+  mappedEntries_ = entries;
   device_ = folder.device;
   onFile_ = true;
+}
+
+std::span<const QSCreationDateCache::Entry> QSCreationDateCache::known() const {
+  return mapped_ ? mappedEntries_ : std::span<const Entry>(known_);
 }
 
 void QSCreationDateCache::keep() {
@@ -115,7 +123,7 @@ void QSCreationDateCache::keep() {
     if (renewed_) {
       renewed_ = false;
       onFile_ = false;
-      bytes = encode(folder, known_);
+      bytes = encode(folder, known());
     }
   }
   if (!bytes.empty()) {
@@ -126,13 +134,14 @@ void QSCreationDateCache::keep() {
     std::lock_guard<std::mutex> lock(lock_);
     if (!renewed_) onFile_ = true;  // unless a walk changed them since they were encoded
   }
-  // Between walks the entries live in the file only: the next walk reads
-  // them back (a few milliseconds for 100,000 copies) rather than the engine
-  // holding 32 bytes a copy while it waits.
+  // Between walks the entries live in the file only: the next walk maps
+  // it again rather than the engine holding 32 bytes a copy while it waits.
   std::lock_guard<std::mutex> lock(lock_);
   if (!onFile_ || walking_ || released_) return;
-  releasedCount_ = known_.size();
+  releasedCount_ = known().size();
   std::vector<Entry>().swap(known_);
+  mapped_.reset();
+  mappedEntries_ = {};
   released_ = true;
 }
 
@@ -140,18 +149,19 @@ bool QSCreationDateCache::fill(platform::FileAttributes* a) {
   if (a->changeTime == platform::FileTime{}) return false;  // a file system that gives no change time
   std::unique_lock<std::mutex> lock(lock_);
   if (released_) {
-    // The first copy a walk examines brings the entries back from the file
-    // (a warm walk that reads no folder of copies never needs them).
+    // The first copy a walk examines maps the file again (a warm walk that
+    // reads no folder of copies never needs it).
     released_ = false;
     onFile_ = false;
     lock.unlock();
     load();  // a file gone or no longer matching leaves the cache empty
     lock.lock();
   }
-  if (known_.empty() || a->device != device_) return false;
-  const auto it = std::lower_bound(known_.begin(), known_.end(), a->inode,
+  const auto known = this->known();
+  if (known.empty() || a->device != device_) return false;
+  const auto it = std::lower_bound(known.begin(), known.end(), a->inode,
                                    [](const Entry& e, uint64_t inode) { return e.inode < inode; });
-  if (it == known_.end() || it->inode != a->inode) return false;
+  if (it == known.end() || it->inode != a->inode) return false;
   if (it->changeSeconds != a->changeTime.seconds || it->changeNanoseconds != a->changeTime.nanoseconds) return false;
   if (it->creation & kStored) {
     a->creationTime = platform::FileTime{it->creationSeconds, it->creation & ~kStored};
@@ -160,8 +170,8 @@ bool QSCreationDateCache::fill(platform::FileAttributes* a) {
   // Without a stored date the copy's own birth time, already read, stands.
   // The walk saw the copy as it is known: it stays known.
   if (walkDevice_ == 0) walkDevice_ = a->device;
-  if (seen_.size() != known_.size()) seen_.assign(known_.size(), false);
-  seen_[static_cast<size_t>(it - known_.begin())] = true;
+  if (seen_.size() != known.size()) seen_.assign(known.size(), false);
+  seen_[static_cast<size_t>(it - known.begin())] = true;
   return true;
 }
 
@@ -169,7 +179,7 @@ void QSCreationDateCache::beginWalk(platform::FileTime now) {
   std::lock_guard<std::mutex> lock(lock_);
   walking_ = true;
   rememberBefore_ = now.seconds - margin_;
-  seen_.assign(known_.size(), false);
+  seen_.assign(known().size(), false);
   fresh_.clear();
   walkDevice_ = 0;
 }
@@ -199,8 +209,14 @@ void QSCreationDateCache::finishWalk(bool completed) {
     const auto byInode = [](const Entry& x, const Entry& y) { return x.inode < y.inode; };
     // A walk that completed without examining a single copy (an emptied
     // backup folder) never brought the entries back: none of them was seen.
-    const size_t before = released_ ? releasedCount_ : known_.size();
+    const size_t before = released_ ? releasedCount_ : known().size();
     released_ = false;
+    if (mapped_) {
+      // The walk renews the entries: from here on they are the engine's own.
+      known_.assign(mappedEntries_.begin(), mappedEntries_.end());
+      mapped_.reset();
+      mappedEntries_ = {};
+    }
     size_t kept = 0;
     if (walkDevice_ == device_ && seen_.size() == known_.size()) {
       for (size_t i = 0; i < known_.size(); ++i)
@@ -228,5 +244,5 @@ void QSCreationDateCache::finishWalk(bool completed) {
 
 size_t QSCreationDateCache::count() const {
   std::lock_guard<std::mutex> lock(lock_);
-  return released_ ? releasedCount_ : known_.size();
+  return released_ ? releasedCount_ : known().size();
 }

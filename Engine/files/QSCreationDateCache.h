@@ -19,7 +19,9 @@
 // Between runs of the engine the cache is kept in the engine's store
 // folder (never on the backup disk), one file per backup folder, named for
 // the folder's last component and bound to the folder's inode and birth
-// time; a file that does not match, or is damaged, is ignored.
+// time; a file that does not match, or is damaged, is ignored.  Entries read
+// back from the file are looked up where the file lies mapped, and copied
+// into memory only when a walk renews them.
 //
 // Thread-safe; entries take 32 bytes.
 #pragma once
@@ -28,10 +30,12 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "platform/FileAttributes.h"
+#include "platform/MappedFile.h"
 
 class QSCreationDateCache {
  public:
@@ -85,8 +89,10 @@ class QSCreationDateCache {
   static constexpr uint32_t kStored = 1u << 31;
 
   // The file's bytes for `entries`, bound to the folder `identity`.
-  static std::string encode(const platform::FileAttributes& identity, const std::vector<Entry>& entries);
+  static std::string encode(const platform::FileAttributes& identity, std::span<const Entry> entries);
   void load();
+  // The entries known: the kept file's while it is mapped, else known_.
+  std::span<const Entry> known() const;
 
   const std::string folderPath_;
   const std::string file_;
@@ -94,10 +100,12 @@ class QSCreationDateCache {
   bool renewed_ = false;
   bool onFile_ = false;     // the file holds known_ as it is
   bool walking_ = false;    // between beginWalk and finishWalk
-  bool released_ = false;   // known_ let go after keep: read it back from the file
+  bool released_ = false;   // the entries let go after keep: map the file again
   size_t releasedCount_ = 0;
   uint64_t device_ = 0;
   std::vector<Entry> known_;  // sorted by inode
+  std::unique_ptr<platform::MappedFile> mapped_;  // the kept file, when the entries are read from it
+  std::span<const Entry> mappedEntries_;          // mapped_'s entries, sorted by inode
   // During a walk: which known copies it saw as they are, the copies it
   // found new or changed, and the device of its copies.
   std::vector<bool> seen_;

@@ -307,3 +307,34 @@ TEST(QSCreationDateCacheTest, AChangedCopyIsRememberedAsItIsNowAndACopyWithTwoNa
   ASSERT_TRUE(cache.fill(&second));
   EXPECT_EQ(second.creationTime.seconds, 5000);
 }
+
+TEST(QSCreationDateCacheTest, EntriesReadBackFromTheKeptFileOutliveTheFileBeingReplacedDuringTheWalk) {
+  OneStoredCopy folder;
+  if (!folder.stored) GTEST_SKIP() << "this file system keeps no user extended attributes";
+  auto& [dir, backup, copy, stored, file] = folder;
+  const auto cache = folder.walkedAndKept();
+  platform::FileAttributes examined;
+  ASSERT_TRUE(platform::FileManager::attributesAtPath(copy, &examined));
+  const platform::FileTime now{static_cast<int64_t>(::time(nullptr)), 0};
+
+  cache->beginWalk(now);
+  platform::FileAttributes first = examined;
+  ASSERT_TRUE(cache->fill(&first));  // the kept file is read back here
+  // Another file renamed over it meanwhile (as every write of it is made):
+  // the entries the walk reads are still those it began with.
+  dir.write("other", std::string(4096, 'z'));
+  std::filesystem::rename(dir / "other", file);
+  platform::FileAttributes second = examined;
+  ASSERT_TRUE(cache->fill(&second));
+  EXPECT_EQ(second.creationTime, (platform::FileTime{978307260, 500000000}));
+  cache->finishWalk(true);
+  EXPECT_EQ(cache->count(), 1u);
+
+  // Once the walk is over the entries are let go to the file, which is no
+  // cache any more: the next walk knows nothing and reads the date afresh.
+  cache->keep();
+  cache->beginWalk(now);
+  platform::FileAttributes third = examined;
+  EXPECT_FALSE(cache->fill(&third));
+  cache->finishWalk(false);
+}
