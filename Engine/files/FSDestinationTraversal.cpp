@@ -51,7 +51,10 @@ void FSDestinationTraversal::visit(Folder* parent, const std::string& name, cons
   Folder folder(parent, name, path);
   // A group is the copies of one name in any letter case; the groups are
   // visited in the order their first copies were read.
-  std::vector<Copy> copies;
+  if (copiesAtDepth_.size() <= depth_) copiesAtDepth_.emplace_back();
+  std::vector<Copy>& copies = copiesAtDepth_[depth_];
+  copies.clear();
+  ++depth_;
   std::string currentName, entryPath;
   forEachEntry(
       folder,
@@ -78,22 +81,21 @@ void FSDestinationTraversal::visit(Folder* parent, const std::string& name, cons
           visit(&folder, entry, entryPath, a);
         }
       });
+  --depth_;
   visitGroups(path, copies);
+  copies.clear();
   visitor_->finishVisitAtPath_attributes(path, attributes);
 }
 
 void FSDestinationTraversal::visitGroups(const std::string& path, const std::vector<Copy>& copies) {
   if (copies.empty()) return;
   // Sorted by key, equal keys in reading order: each group is one run, led by its first copy.
-  std::vector<uint32_t> order(copies.size());
+  std::vector<uint32_t>& order = groupOrder_;
+  order.resize(copies.size());
   std::iota(order.begin(), order.end(), 0u);
   std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) { return copies[a].key < copies[b].key; });
-  struct Run {
-    uint32_t first;  // reading position of the group's first copy
-    uint32_t begin;
-    uint32_t end;
-  };
-  std::vector<Run> runs;
+  std::vector<Run>& runs = groupRuns_;
+  runs.clear();
   for (uint32_t i = 0; i < order.size();) {
     uint32_t j = i + 1;
     while (j < order.size() && copies[order[j]].key == copies[order[i]].key) ++j;

@@ -11,6 +11,7 @@
 // listed from the disk, renews the cache.
 #pragma once
 
+#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -46,4 +47,19 @@ class FSDestinationTraversal : public FSDepthFirstTraversal {
   void visitGroups(const std::string& path, const std::vector<Copy>& copies);
 
   std::shared_ptr<QSCreationDateCache> cache_;
+  // The copies of the folder being listed at each depth: emptied and filled
+  // again from folder to folder, so that their storage is allocated once
+  // per depth rather than grown anew in every folder.  (A deque: a deeper
+  // folder's buffer is added without moving those in use above it.)
+  std::deque<std::vector<Copy>> copiesAtDepth_;
+  size_t depth_ = 0;
+  // A group of copies: its reading position and its span of groupOrder_.
+  struct Run {
+    uint32_t first;  // reading position of the group's first copy
+    uint32_t begin;
+    uint32_t end;
+  };
+  // visitGroups' working storage, reused from folder to folder.
+  std::vector<uint32_t> groupOrder_;
+  std::vector<Run> groupRuns_;
 };

@@ -15,7 +15,11 @@ void FSSourceTraversal::recurseAtUserHome_withExclusionPredicate_visitor(
 
 bool FSSourceTraversal::_proceedForPath_attrs(const std::string& path, const std::string& name,
                                               const platform::FileAttributes& attributes) const {
-  const std::string suffix = path.size() > homeDirPath_.size() ? path.substr(homeDirPath_.size()) : std::string();
+  if (path.size() > homeDirPath_.size())
+    suffix_.assign(path, homeDirPath_.size());
+  else
+    suffix_.clear();
+  const std::string& suffix = suffix_;
   if (exclusionPredicate_ && exclusionPredicate_->evaluateWithObject(suffix)) return false;
   if (QSNameIs(name, "Database")) return !QSPathFilter::isLiveMailDatabase(&attributes);
   if (QSBlackList::isFilenameBlacklisted(name)) return false;

@@ -35,4 +35,6 @@ class FSSourceTraversal : public FSDepthFirstTraversal {
 
   std::string homeDirPath_;
   std::shared_ptr<const platform::RegexPredicate> exclusionPredicate_;
+  // The suffix of the item being examined; one buffer serves the whole walk.
+  mutable std::string suffix_;
 };

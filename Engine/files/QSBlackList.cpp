@@ -133,12 +133,25 @@ FastPaths fastPathsFor(const std::vector<std::string>& files, const std::vector<
 }
 
 bool fastNameMatch(const FastPaths& fast, const std::string& name) {
-  const std::string lower = asciiLower(name);
+  // Lower-cased into a buffer on the stack: a file name is at most 255
+  // bytes, and this runs for every item of every walk of a home folder.
+  char buffer[256];
+  std::string longer;
+  char* lowered = buffer;
+  if (name.size() > sizeof buffer) {
+    longer.resize(name.size());
+    lowered = longer.data();
+  }
+  for (size_t i = 0; i < name.size(); ++i) {
+    const char c = name[i];
+    lowered[i] = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  }
+  const std::string_view lower(lowered, name.size());
   if (fast.files.count(lower)) return true;
   for (size_t i = 1; i < lower.size(); ++i) {
     const char c = lower[i - 1];
     if (c == '\n' || c == '\v' || c == '\f' || c == '\r') break;  // "(.+" stops at a line terminator
-    if (lower[i] == '.' && fast.extensions.count(std::string_view(lower).substr(i + 1))) return true;
+    if (lower[i] == '.' && fast.extensions.count(lower.substr(i + 1))) return true;
   }
   return false;
 }
