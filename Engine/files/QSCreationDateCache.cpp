@@ -211,27 +211,33 @@ void QSCreationDateCache::finishWalk(bool completed) {
     // backup folder) never brought the entries back: none of them was seen.
     const size_t before = released_ ? releasedCount_ : known().size();
     released_ = false;
-    if (mapped_) {
-      // The walk renews the entries: from here on they are the engine's own.
-      known_.assign(mappedEntries_.begin(), mappedEntries_.end());
-      mapped_.reset();
-      mappedEntries_ = {};
+    const bool counted = walkDevice_ == device_ && seen_.size() == known().size();
+    const size_t kept = counted ? static_cast<size_t>(std::count(seen_.begin(), seen_.end(), true)) : 0;
+    // Only a walk that found a copy new, changed or gone has anything to
+    // keep; otherwise the entries stay where they are, in memory or mapped.
+    if (kept != before || !fresh_.empty()) {
+      renewed_ = true;
+      if (mapped_) {
+        // From here on the entries are the engine's own.
+        known_.reserve(kept + fresh_.size());
+        for (size_t i = 0; counted && i < seen_.size(); ++i)
+          if (seen_[i]) known_.push_back(mappedEntries_[i]);
+        mapped_.reset();
+        mappedEntries_ = {};
+      } else {
+        size_t at = 0;
+        for (size_t i = 0; counted && i < known_.size(); ++i)
+          if (seen_[i]) known_[at++] = known_[i];
+        known_.resize(kept);
+      }
+      std::sort(fresh_.begin(), fresh_.end(), byInode);
+      known_.insert(known_.end(), fresh_.begin(), fresh_.end());
+      std::inplace_merge(known_.begin(), known_.begin() + static_cast<std::ptrdiff_t>(kept), known_.end(), byInode);
+      // A copy with several names (hard links) is remembered once.
+      known_.erase(std::unique(known_.begin(), known_.end(),
+                               [](const Entry& x, const Entry& y) { return x.inode == y.inode; }),
+                   known_.end());
     }
-    size_t kept = 0;
-    if (walkDevice_ == device_ && seen_.size() == known_.size()) {
-      for (size_t i = 0; i < known_.size(); ++i)
-        if (seen_[i]) known_[kept++] = known_[i];
-    }
-    known_.resize(kept);
-    // Only a walk that found a copy new, changed or gone has anything to keep.
-    if (kept != before || !fresh_.empty()) renewed_ = true;
-    std::sort(fresh_.begin(), fresh_.end(), byInode);
-    known_.insert(known_.end(), fresh_.begin(), fresh_.end());
-    std::inplace_merge(known_.begin(), known_.begin() + static_cast<std::ptrdiff_t>(kept), known_.end(), byInode);
-    // A copy with several names (hard links) is remembered once.
-    known_.erase(std::unique(known_.begin(), known_.end(),
-                             [](const Entry& x, const Entry& y) { return x.inode == y.inode; }),
-                 known_.end());
     if (walkDevice_ != 0) device_ = walkDevice_;
   }
   seen_.clear();

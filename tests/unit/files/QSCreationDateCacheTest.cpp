@@ -338,3 +338,46 @@ TEST(QSCreationDateCacheTest, EntriesReadBackFromTheKeptFileOutliveTheFileBeingR
   EXPECT_FALSE(cache->fill(&third));
   cache->finishWalk(false);
 }
+
+TEST(QSCreationDateCacheTest, AWalkOverEntriesReadBackFromTheFileKeepsThoseItSawAndAddsTheNewOnes) {
+  skerrow_test::TempDir dir;
+  const std::string backup = dir.mkdir("U");
+  const std::string a = dir.write("U/a@0.txt", "a");
+  const std::string b = dir.write("U/b@0.txt", "b");
+  if (!setStoredDate(a, "978307260.500000000") || !setStoredDate(b, "978307261.000000000"))
+    GTEST_SKIP() << "this file system keeps no user extended attributes";
+  const std::string file = dir / "creationdates-U.cache";
+  {
+    QSCreationDateCache first(backup, file);
+    first.setRecentChangeMargin(-3600);
+    skerrow_test::destinationWalkCalls(backup, std::shared_ptr<QSCreationDateCache>(&first, [](auto*) {}));
+    first.keep();
+  }
+  platform::FileAttributes oldB;
+  ASSERT_TRUE(platform::FileManager::attributesAtPath(b, &oldB));
+  std::filesystem::remove(b);
+  const std::string c = dir.write("U/c@0.txt", "c");
+  ASSERT_TRUE(setStoredDate(c, "978307262.000000000"));
+
+  // The next run reads the kept file back and walks the folder whole: a
+  // is seen as it was, b is gone, c is new.
+  auto second = std::make_shared<QSCreationDateCache>(backup, file);
+  second->setRecentChangeMargin(-3600);
+  ASSERT_EQ(second->count(), 2u);
+  skerrow_test::destinationWalkCalls(backup, second);
+  EXPECT_EQ(second->count(), 2u);
+  second->keep();
+
+  QSCreationDateCache third(backup, file);
+  EXPECT_EQ(third.count(), 2u);
+  const platform::FileTime now{static_cast<int64_t>(::time(nullptr)), 0};
+  third.beginWalk(now);
+  for (const auto& [path, seconds] : {std::pair{a, 978307260}, std::pair{c, 978307262}}) {
+    platform::FileAttributes examined;
+    ASSERT_TRUE(platform::FileManager::attributesAtPath(path, &examined));
+    ASSERT_TRUE(third.fill(&examined)) << path;
+    EXPECT_EQ(examined.creationTime.seconds, seconds) << path;
+  }
+  EXPECT_FALSE(third.fill(&oldB));
+  third.finishWalk(false);
+}
