@@ -50,6 +50,14 @@ struct OneStoredCopy {
   }
 };
 
+// Whether a walk begun at `now` (and then given up) finds the copy examined
+// as `examined` known.
+bool knownToAWalk(QSCreationDateCache& cache, platform::FileAttributes examined, platform::FileTime now) {
+  cache.beginWalk(now);
+  const bool known = cache.fill(&examined);
+  cache.finishWalk(false);
+  return known;
+}
 
 }  // namespace
 
@@ -232,10 +240,7 @@ TEST(QSCreationDateCacheTest, AWalkThatExaminesNoCopyLeavesTheEntriesInTheirFile
   EXPECT_EQ(cache->count(), 0u);
   cache->keep();
   EXPECT_EQ(QSCreationDateCache(backup, file).count(), 0u);
-  cache->beginWalk(now);
-  platform::FileAttributes after = examined;
-  EXPECT_FALSE(cache->fill(&after));
-  cache->finishWalk(false);
+  EXPECT_FALSE(knownToAWalk(*cache, examined, now));
 }
 
 TEST(QSCreationDateCacheTest, ADamagedOrForeignKeptFileIsIgnored) {
@@ -333,10 +338,7 @@ TEST(QSCreationDateCacheTest, EntriesReadBackFromTheKeptFileOutliveTheFileBeingR
   // Once the walk is over the entries are let go to the file, which is no
   // cache any more: the next walk knows nothing and reads the date afresh.
   cache->keep();
-  cache->beginWalk(now);
-  platform::FileAttributes third = examined;
-  EXPECT_FALSE(cache->fill(&third));
-  cache->finishWalk(false);
+  EXPECT_FALSE(knownToAWalk(*cache, examined, now));
 }
 
 TEST(QSCreationDateCacheTest, AWalkOverEntriesReadBackFromTheFileKeepsThoseItSawAndAddsTheNewOnes) {
