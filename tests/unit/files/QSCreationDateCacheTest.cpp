@@ -48,7 +48,16 @@ struct OneStoredCopy {
     cache->keep();
     return cache;
   }
+  // The copy as a walk examines it: its attributes without the stored date.
+  platform::FileAttributes examined() const {
+    platform::FileAttributes attributes;
+    EXPECT_TRUE(platform::FileManager::attributesAtPath(copy, &attributes));
+    return attributes;
+  }
 };
+
+// The wall clock as a walk begins with it.
+platform::FileTime now() { return platform::FileTime{static_cast<int64_t>(::time(nullptr)), 0}; }
 
 // Whether a walk begun at `now` (and then given up) finds the copy examined
 // as `examined` known.
@@ -184,11 +193,9 @@ TEST(QSCreationDateCacheTest, BetweenWalksTheEntriesLiveInTheKeptFileAndTheNextW
   const auto cache = folder.walkedAndKept();
   ASSERT_TRUE(std::filesystem::exists(file));
   EXPECT_EQ(cache->count(), 1u);
-  platform::FileAttributes examined;
-  ASSERT_TRUE(platform::FileManager::attributesAtPath(copy, &examined));
+  const platform::FileAttributes examined = folder.examined();
 
-  const platform::FileTime now{static_cast<int64_t>(::time(nullptr)), 0};
-  cache->beginWalk(now);  // the first copy examined reads the entries back from the file
+  cache->beginWalk(now());  // the first copy examined reads the entries back from the file
   platform::FileAttributes during = examined;
   ASSERT_TRUE(cache->fill(&during));
   EXPECT_EQ(during.creationTime, (platform::FileTime{978307260, 500000000}));
@@ -199,7 +206,7 @@ TEST(QSCreationDateCacheTest, BetweenWalksTheEntriesLiveInTheKeptFileAndTheNextW
   // The file taken away between walks: the next walk knows nothing, reads
   // the copy's date again and keeps it anew.
   std::filesystem::remove(file);
-  cache->beginWalk(now);
+  cache->beginWalk(now());
   platform::FileAttributes unknown = examined;
   EXPECT_FALSE(cache->fill(&unknown));
   cache->finishWalk(false);
@@ -215,17 +222,15 @@ TEST(QSCreationDateCacheTest, AWalkThatExaminesNoCopyLeavesTheEntriesInTheirFile
   if (!folder.stored) GTEST_SKIP() << "this file system keeps no user extended attributes";
   auto& [dir, backup, copy, stored, file] = folder;
   const auto cache = folder.walkedAndKept();
-  platform::FileAttributes examined;
-  ASSERT_TRUE(platform::FileManager::attributesAtPath(copy, &examined));
-  const platform::FileTime now{static_cast<int64_t>(::time(nullptr)), 0};
+  const platform::FileAttributes examined = folder.examined();
 
   // A walk (a warm one, say) that examines no copy: the file is not read,
   // so its absence meanwhile costs nothing.
   std::filesystem::rename(file, file + ".away");
-  cache->beginWalk(now);
+  cache->beginWalk(now());
   cache->finishWalk(false);
   std::filesystem::rename(file + ".away", file);
-  cache->beginWalk(now);
+  cache->beginWalk(now());
   platform::FileAttributes during = examined;
   EXPECT_TRUE(cache->fill(&during));
   EXPECT_EQ(during.creationTime, (platform::FileTime{978307260, 500000000}));
@@ -235,12 +240,12 @@ TEST(QSCreationDateCacheTest, AWalkThatExaminesNoCopyLeavesTheEntriesInTheirFile
 
   // A completed walk that examined no copy found the folder empty: nothing
   // known stays known, in memory or in the file.
-  cache->beginWalk(now);
+  cache->beginWalk(now());
   cache->finishWalk(true);
   EXPECT_EQ(cache->count(), 0u);
   cache->keep();
   EXPECT_EQ(QSCreationDateCache(backup, file).count(), 0u);
-  EXPECT_FALSE(knownToAWalk(*cache, examined, now));
+  EXPECT_FALSE(knownToAWalk(*cache, examined, now()));
 }
 
 TEST(QSCreationDateCacheTest, ADamagedOrForeignKeptFileIsIgnored) {
@@ -318,11 +323,9 @@ TEST(QSCreationDateCacheTest, EntriesReadBackFromTheKeptFileOutliveTheFileBeingR
   if (!folder.stored) GTEST_SKIP() << "this file system keeps no user extended attributes";
   auto& [dir, backup, copy, stored, file] = folder;
   const auto cache = folder.walkedAndKept();
-  platform::FileAttributes examined;
-  ASSERT_TRUE(platform::FileManager::attributesAtPath(copy, &examined));
-  const platform::FileTime now{static_cast<int64_t>(::time(nullptr)), 0};
+  const platform::FileAttributes examined = folder.examined();
 
-  cache->beginWalk(now);
+  cache->beginWalk(now());
   platform::FileAttributes first = examined;
   ASSERT_TRUE(cache->fill(&first));  // the kept file is read back here
   // Another file renamed over it meanwhile (as every write of it is made):
@@ -338,7 +341,7 @@ TEST(QSCreationDateCacheTest, EntriesReadBackFromTheKeptFileOutliveTheFileBeingR
   // Once the walk is over the entries are let go to the file, which is no
   // cache any more: the next walk knows nothing and reads the date afresh.
   cache->keep();
-  EXPECT_FALSE(knownToAWalk(*cache, examined, now));
+  EXPECT_FALSE(knownToAWalk(*cache, examined, now()));
 }
 
 TEST(QSCreationDateCacheTest, AWalkOverEntriesReadBackFromTheFileKeepsThoseItSawAndAddsTheNewOnes) {
@@ -372,8 +375,7 @@ TEST(QSCreationDateCacheTest, AWalkOverEntriesReadBackFromTheFileKeepsThoseItSaw
 
   QSCreationDateCache third(backup, file);
   EXPECT_EQ(third.count(), 2u);
-  const platform::FileTime now{static_cast<int64_t>(::time(nullptr)), 0};
-  third.beginWalk(now);
+  third.beginWalk(now());
   for (const auto& [path, seconds] : {std::pair{a, 978307260}, std::pair{c, 978307262}}) {
     platform::FileAttributes examined;
     ASSERT_TRUE(platform::FileManager::attributesAtPath(path, &examined));
